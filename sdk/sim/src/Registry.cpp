@@ -1,0 +1,303 @@
+#include "Registry.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+
+#include <halden/sensor/Log.h>
+#include <halden/sensor/LumoraVersion.h>
+
+namespace halden::sensor::sim {
+
+namespace {
+
+constexpr const char* kDefaultDevices = "QRX100A:640x480@30,QRX200AP:320x240@30";
+
+class SimSourceList final : public LumoraSourceList {
+public:
+    explicit SimSourceList(std::vector<std::shared_ptr<LumoraSource>> sources) : mSources(std::move(sources)) {}
+
+    bool empty() const override { return mSources.empty(); }
+    std::size_t size() const override { return mSources.size(); }
+    std::shared_ptr<LumoraSource> front() const override { return at(0); }
+    std::shared_ptr<LumoraSource> back() const override { return mSources.empty() ? nullptr : mSources.back(); }
+    std::shared_ptr<LumoraSource> find(const std::string& uri) const override {
+        for (const auto& source : mSources) {
+            if (source->uri() == uri) return source;
+        }
+        return nullptr;
+    }
+    std::shared_ptr<LumoraSource> at(std::size_t index) const override {
+        return index < mSources.size() ? mSources[index] : nullptr;
+    }
+
+private:
+    std::vector<std::shared_ptr<LumoraSource>> mSources;
+};
+
+template <typename T>
+Result add_unique(std::vector<T*>& list, T* item) {
+    if (item == nullptr) return RESULT_INVALID_PARAMETER;
+    if (std::find(list.begin(), list.end(), item) != list.end()) return RESULT_ALREADY_EXISTS;
+    list.push_back(item);
+    return RESULT_SUCCESS;
+}
+
+template <typename T>
+Result remove_item(std::vector<T*>& list, T* item) {
+    const auto it = std::find(list.begin(), list.end(), item);
+    if (it == list.end()) return RESULT_NOT_FOUND;
+    list.erase(it);
+    return RESULT_SUCCESS;
+}
+
+}  // namespace
+
+Registry& Registry::instance() {
+    static Registry registry;
+    return registry;
+}
+
+Registry::Registry() { load(); }
+
+Registry::~Registry() { mHotplug.shutdown(); }
+
+void Registry::load() {
+    const char* value = std::getenv("LUMORA_SIM_DEVICES");
+    const std::string text = value == nullptr ? kDefaultDevices : value;
+    mSources.clear();
+    mNextNumber = 0;
+    mSearchable = text != "none";
+    if (!mSearchable) return;
+    std::vector<std::string> rejected;
+    for (auto& device : parse_device_list(text, &rejected)) {
+        mSources.push_back(std::make_shared<SimSource>(mNextNumber++, std::move(device)));
+    }
+    for (const auto& entry : rejected) {
+        Log::e(LUMORA_LOG_TAG("Registry"), "LUMORA_SIM_DEVICES: ignoring malformed device \"%s\"\n", entry.c_str());
+    }
+}
+
+Result Registry::reset() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    for (const auto& camera : mCameras) {
+        if (auto open = camera.lock(); open && !open->isClosed()) return RESULT_USING_RESOURCES;
+    }
+    mCameras.clear();
+    load();
+    return RESULT_SUCCESS;
+}
+
+std::shared_ptr<LumoraSourceList> Registry::search() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (!mSearchable) return nullptr;
+    return std::make_shared<SimSourceList>(std::vector<std::shared_ptr<LumoraSource>>(mSources.begin(), mSources.end()));
+}
+
+std::shared_ptr<LumoraCamera> Registry::create(const std::shared_ptr<LumoraSource>& source) {
+    if (!source) return nullptr;
+    std::lock_guard<std::mutex> lock(mMutex);
+    const auto it = std::find_if(mSources.begin(), mSources.end(),
+                                 [&](const std::shared_ptr<SimSource>& s) { return s->uri() == source->uri(); });
+    if (it == mSources.end()) return nullptr;
+    mCameras.erase(std::remove_if(mCameras.begin(), mCameras.end(),
+                                  [](const std::weak_ptr<SimCamera>& c) {
+                                      auto open = c.lock();
+                                      return !open || open->isClosed();
+                                  }),
+                   mCameras.end());
+    for (const auto& weak : mCameras) {
+        auto open = weak.lock();
+        if (open && open->source()->uri() == source->uri()) return nullptr;  // already open
+    }
+    auto camera = std::make_shared<SimCamera>(*it);
+    mCameras.push_back(camera);
+    mSelected = camera;
+    return camera;
+}
+
+Result Registry::destroy(const std::shared_ptr<LumoraCamera>& camera) {
+    auto simCamera = std::dynamic_pointer_cast<SimCamera>(camera);
+    if (!simCamera) return RESULT_INVALID_PARAMETER;
+    return simCamera->close();
+}
+
+std::shared_ptr<LumoraCamera> Registry::selected() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    auto camera = mSelected.lock();
+    if (!camera || camera->isClosed()) return nullptr;
+    return camera;
+}
+
+Result Registry::addSourceListener(LumoraSource::Listener* listener) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return add_unique(mSourceListeners, listener);
+}
+
+Result Registry::removeSourceListener(LumoraSource::Listener* listener) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return remove_item(mSourceListeners, listener);
+}
+
+Result Registry::addPreparedListener(LumoraCamera::PreparedListener* listener) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return add_unique(mPreparedListeners, listener);
+}
+
+Result Registry::removePreparedListener(LumoraCamera::PreparedListener* listener) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return remove_item(mPreparedListeners, listener);
+}
+
+std::vector<LumoraCamera::PreparedListener*> Registry::preparedListeners() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mPreparedListeners;
+}
+
+void Registry::announce(const std::shared_ptr<SimSource>& source, bool attached) {
+    mHotplug.post([this, source, attached] {
+        std::vector<LumoraSource::Listener*> listeners;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            listeners = mSourceListeners;
+        }
+        for (auto* listener : listeners) {
+            if (attached) {
+                listener->onAttachedLumoraSource(source.get());
+            } else {
+                listener->onDetachedLumoraSource(source.get());
+            }
+        }
+    });
+}
+
+Result Registry::attach(const std::string& entry) {
+    const auto device = parse_device_entry(entry);
+    if (!device) return RESULT_INVALID_PARAMETER;
+    std::shared_ptr<SimSource> source;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        source = std::make_shared<SimSource>(mNextNumber++, *device);
+        mSources.push_back(source);
+        mSearchable = true;
+    }
+    announce(source, true);
+    return RESULT_SUCCESS;
+}
+
+Result Registry::detach(int number) {
+    std::shared_ptr<SimSource> source;
+    std::shared_ptr<SimCamera> camera;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        const auto it = std::find_if(mSources.begin(), mSources.end(),
+                                     [&](const std::shared_ptr<SimSource>& s) { return s->number() == number; });
+        if (it == mSources.end()) return RESULT_NO_SUCH_DEVICE;
+        source = *it;
+        mSources.erase(it);
+        for (const auto& weak : mCameras) {
+            auto open = weak.lock();
+            if (open && !open->isClosed() && open->source() == source) camera = open;
+        }
+    }
+    if (camera) camera->unplug();
+    announce(source, false);
+    return RESULT_SUCCESS;
+}
+
+std::shared_ptr<SimCamera> Registry::openCamera(const std::string& uri) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    for (const auto& weak : mCameras) {
+        auto open = weak.lock();
+        if (open && !open->isClosed() && open->source()->uri() == uri) return open;
+    }
+    return nullptr;
+}
+
+Result Registry::setProperty(const std::shared_ptr<LumoraProperty>& property) {
+    if (!property) return RESULT_INVALID_PARAMETER;
+    const std::string key = property->key();
+    if (key == "log_level") {
+        double level = 0.0;
+        if (property->dataType() == DATA_TYPE_STRING || !numeric_value(property.get(), level)) {
+            return RESULT_INVALID_PARAMETER;
+        }
+        if (level < Log::LOG_NONE || level > Log::LOG_DEBUG) return RESULT_OUT_OF_RANGE;
+        Log::setLogLevel(static_cast<Log::LogLevel>(static_cast<int>(level)));
+        return RESULT_SUCCESS;
+    }
+    if (key == "sim_attach") {
+        if (property->dataType() != DATA_TYPE_STRING) return RESULT_INVALID_PARAMETER;
+        return attach(property->getString(""));
+    }
+    if (key == "sim_detach") {
+        double number = 0.0;
+        if (property->dataType() == DATA_TYPE_STRING || !numeric_value(property.get(), number)) {
+            return RESULT_INVALID_PARAMETER;
+        }
+        return detach(static_cast<int>(number));
+    }
+    if (key == "sim_devices") return RESULT_INVALID_OPERATION;
+    const auto camera = selected();
+    return camera ? camera->setProperty(property) : RESULT_NOT_SUPPORTED;
+}
+
+std::tuple<Result, std::shared_ptr<LumoraProperty>> Registry::getProperty(const std::string& key) {
+    if (key == "log_level") return {RESULT_SUCCESS, SimProperty::makeInt32(key, Log::getLogLevel())};
+    if (key == "sim_devices") {
+        std::string text;
+        std::lock_guard<std::mutex> lock(mMutex);
+        for (const auto& source : mSources) {
+            text += (text.empty() ? "" : ",") + format_device(source->device());
+        }
+        return {RESULT_SUCCESS, SimProperty::makeString(key, mSearchable ? text : "none", true)};
+    }
+    if (key == "sim_attach" || key == "sim_detach") return {RESULT_INVALID_OPERATION, nullptr};
+    const auto camera = selected();
+    if (!camera) return {RESULT_NOT_SUPPORTED, nullptr};
+    return camera->getProperty(key);
+}
+
+}  // namespace halden::sensor::sim
+
+namespace halden::sensor {
+
+using sim::Registry;
+
+Result add_source_listener(LumoraSource::Listener* listener) {
+    return Registry::instance().addSourceListener(listener);
+}
+
+Result remove_source_listener(LumoraSource::Listener* listener) {
+    return Registry::instance().removeSourceListener(listener);
+}
+
+Result add_prepared_listener(LumoraCamera::PreparedListener* listener) {
+    return Registry::instance().addPreparedListener(listener);
+}
+
+Result remove_prepared_listener(LumoraCamera::PreparedListener* listener) {
+    return Registry::instance().removePreparedListener(listener);
+}
+
+std::shared_ptr<LumoraSourceList> search_camera_source() { return Registry::instance().search(); }
+
+std::shared_ptr<LumoraCamera> create_camera(const std::shared_ptr<LumoraSource>& source) {
+    return Registry::instance().create(source);
+}
+
+Result destroy_camera(const std::shared_ptr<LumoraCamera>& camera) { return Registry::instance().destroy(camera); }
+
+Result set_property(const std::shared_ptr<LumoraProperty>& property) {
+    return Registry::instance().setProperty(property);
+}
+
+std::tuple<Result, std::shared_ptr<LumoraProperty>> get_property(const std::string& key) {
+    return Registry::instance().getProperty(key);
+}
+
+std::string last_released_version() { return "2.3.0"; }
+
+std::string last_released_date() { return "2026-11-21"; }
+
+}  // namespace halden::sensor

@@ -1,0 +1,322 @@
+#include "Scene.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <random>
+
+namespace halden::sensor::sim {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr float kPitch = 8.0F * static_cast<float>(kPi) / 180.0F;  // the camera looks slightly down
+constexpr float kCameraHeight = 0.9F;                               // above the floor, metres
+constexpr float kCeilingAbove = 1.6F;
+constexpr float kSideWall = 2.0F;
+constexpr float kAmbient = 4.0F;  // amplitude of ambient light, also with illumination off
+constexpr float kDepthNoise = 70.0F;  // depth noise in mm at amplitude 1, falling with its root
+constexpr int kIntegrationTimeUs = 1000;
+
+// Gaussian noise of unit deviation, the same in every process.
+constexpr std::size_t kNoiseSize = 1U << 16;
+const std::array<float, kNoiseSize>& noise_table() {
+    static const auto table = [] {
+        std::array<float, kNoiseSize> values{};
+        std::mt19937 random(20261121U);
+        std::normal_distribution<float> normal(0.0F, 1.0F);
+        for (auto& value : values) value = std::clamp(normal(random), -4.0F, 4.0F);
+        return values;
+    }();
+    return table;
+}
+
+std::uint32_t mix(std::uint32_t x) {
+    x ^= x >> 16;
+    x *= 0x7feb352dU;
+    x ^= x >> 15;
+    x *= 0x846ca68bU;
+    x ^= x >> 16;
+    return x;
+}
+
+void put_le(std::uint8_t* out, std::uint64_t value, std::size_t bytes) {
+    for (std::size_t i = 0; i < bytes; ++i) out[i] = static_cast<std::uint8_t>(value >> (8 * i));
+}
+
+LensCalibration make_lens(int width, int height, double horizontalFov, int lens) {
+    LensCalibration c;
+    const double fx = (width / 2.0) / std::tan(horizontalFov * kPi / 360.0);
+    c.intrinsics = {fx, fx * 1.002, width / 2.0 - 0.5 + 1.25 - lens * 0.5, height / 2.0 - 0.5 - 0.75};
+    const double wide = horizontalFov / 70.0;
+    c.distortion = {-0.12 * wide, 0.03 * wide, -0.004, 0.0005, -0.0003, 0.0};
+    c.extrinsics.tx = 0.05 * lens;
+    c.fov.horizontal = horizontalFov;
+    c.fov.vertical = 2.0 * std::atan((height / 2.0) / c.intrinsics.fy) * 180.0 / kPi;
+    return c;
+}
+
+}  // namespace
+
+Scene::Scene(const DeviceSpec& device, const ModelInfo& model)
+    : mWidth(device.width),
+      mHeight(device.height),
+      mGain(model.amplitudeGain),
+      // The far wall stands well inside the model's range, so that only dim pixels go missing.
+      mBackWall(std::min(4.5F, 0.75F * static_cast<float>(model.rangeMax) / 1000.0F)) {
+    for (int lens = 0; lens < model.lensCount; ++lens) {
+        mLenses.push_back(make_lens(mWidth, mHeight, model.horizontalFov, lens));
+    }
+    const std::size_t pixels = static_cast<std::size_t>(mWidth) * mHeight;
+    mRayX.resize(pixels);
+    mRayY.resize(pixels);
+    mRoomZ.resize(pixels);
+    mRoomAmp.resize(pixels);
+    mDepth.resize(pixels);
+    mAmplitude.resize(pixels);
+    buildRays();
+    buildRoom();
+}
+
+double Scene::temperatureAt(double seconds) {
+    return 38.0 + 4.0 * (1.0 - std::exp(-seconds / 120.0)) + 0.2 * std::sin(seconds / 7.0);
+}
+
+// Rays come from undistorting each pixel centre, so projecting a point of the cloud with
+// the published calibration lands back on its pixel.
+void Scene::buildRays() {
+    const auto& k = mLenses.front().intrinsics;
+    const auto& d = mLenses.front().distortion;
+    for (int v = 0; v < mHeight; ++v) {
+        for (int u = 0; u < mWidth; ++u) {
+            const double xd = (u - k.cx) / k.fx;
+            const double yd = (v - k.cy) / k.fy;
+            double x = xd;
+            double y = yd;
+            for (int iteration = 0; iteration < 20; ++iteration) {
+                const double r2 = x * x + y * y;
+                const double radial = 1.0 + r2 * (d.k1 + r2 * (d.k2 + r2 * d.k3));
+                const double dx = 2.0 * d.p1 * x * y + d.p2 * (r2 + 2.0 * x * x);
+                const double dy = d.p1 * (r2 + 2.0 * y * y) + 2.0 * d.p2 * x * y;
+                x = (xd - dx) / radial;
+                y = (yd - dy) / radial;
+            }
+            const std::size_t i = static_cast<std::size_t>(v) * mWidth + u;
+            mRayX[i] = static_cast<float>(x);
+            mRayY[i] = static_cast<float>(y);
+        }
+    }
+}
+
+// The empty room: the nearest of six planes along each ray, lit by the camera's own
+// illumination (falling with the square of the distance and with the angle of incidence).
+void Scene::buildRoom() {
+    const float s = std::sin(kPitch);
+    const float c = std::cos(kPitch);
+    struct Plane {
+        float nx, ny, nz, distance;
+    };
+    // Normals in camera space (x right, y down, z forward), pointing away from the camera.
+    const std::array<Plane, 5> planes = {{
+        {0.0F, c, s, kCameraHeight},       // floor
+        {0.0F, -c, -s, kCeilingAbove},     // ceiling
+        {0.0F, -s, c, mBackWall},           // back wall
+        {1.0F, 0.0F, 0.0F, kSideWall},     // right wall
+        {-1.0F, 0.0F, 0.0F, kSideWall},    // left wall
+    }};
+    for (std::size_t i = 0; i < mRayX.size(); ++i) {
+        const float rx = mRayX[i];
+        const float ry = mRayY[i];
+        const float length = std::sqrt(rx * rx + ry * ry + 1.0F);
+        float bestZ = 1e9F;
+        std::size_t bestPlane = 0;
+        float bestCos = 1.0F;
+        for (std::size_t p = 0; p < planes.size(); ++p) {
+            const float facing = planes[p].nx * rx + planes[p].ny * ry + planes[p].nz;
+            if (facing <= 1e-6F) continue;
+            const float z = planes[p].distance / facing;
+            if (z < bestZ) {
+                bestZ = z;
+                bestPlane = p;
+                bestCos = facing / length;
+            }
+        }
+        // World position of the hit: right, forward (horizontal) and height above the floor.
+        const float px = rx * bestZ;
+        const float py = ry * bestZ;
+        const float forward = -s * py + c * bestZ;
+        const float up = kCameraHeight - (c * py + s * bestZ);
+        float reflectivity = 0.6F;
+        if (bestPlane == 0) {
+            const bool dark = ((static_cast<int>(std::floor(px / 0.5F)) + static_cast<int>(std::floor(forward / 0.5F))) & 1) != 0;
+            reflectivity = dark ? 0.35F : 0.55F;
+        } else if (bestPlane == 1) {
+            reflectivity = 0.7F;
+        } else if (bestPlane == 2) {
+            const bool door = px > -1.4F && px < -0.6F && up < 2.0F;
+            reflectivity = door ? 0.25F : 0.8F;
+        }
+        const float distance = bestZ * length;
+        mRoomZ[i] = bestZ;
+        mRoomAmp[i] = static_cast<float>(mGain) * reflectivity * bestCos / (distance * distance);
+    }
+}
+
+Scene::Ball Scene::ballAt(double seconds) const {
+    const float s = std::sin(kPitch);
+    const float c = std::cos(kPitch);
+    const float radius = 0.3F;
+    const auto x = static_cast<float>(1.0 * std::sin(2.0 * kPi * seconds / 6.0));
+    const auto forward = static_cast<float>(2.4 + 0.5 * std::sin(2.0 * kPi * seconds / 4.3));
+    const auto down = static_cast<float>(kCameraHeight - radius - 0.25 * std::fabs(std::sin(2.0 * kPi * seconds / 1.7)));
+    return {x, down * c - forward * s, down * s + forward * c, radius};
+}
+
+void Scene::shade(std::uint32_t frameNumber, const SceneSettings& settings) {
+    const Ball ball = ballAt(frameNumber / settings.fps);
+    // The ball covers a box of rows and columns around its projection.
+    const auto& k = mLenses.front().intrinsics;
+    const float reach = ball.radius / (ball.cz - ball.radius) * 1.6F;
+    const float centreX = ball.cx / ball.cz;
+    const float centreY = ball.cy / ball.cz;
+    const int u0 = std::max(0, static_cast<int>((centreX - reach) * k.fx + k.cx) - 4);
+    const int u1 = std::min(mWidth - 1, static_cast<int>((centreX + reach) * k.fx + k.cx) + 4);
+    const int v0 = std::max(0, static_cast<int>((centreY - reach) * k.fy + k.cy) - 4);
+    const int v1 = std::min(mHeight - 1, static_cast<int>((centreY + reach) * k.fy + k.cy) + 4);
+    const float ballSquare = ball.cx * ball.cx + ball.cy * ball.cy + ball.cz * ball.cz - ball.radius * ball.radius;
+
+    const auto& noise = noise_table();
+    const std::uint32_t depthOffset = mix(frameNumber * 2U + 1U);
+    const std::uint32_t amplitudeOffset = mix(frameNumber * 2U + 2U);
+    const float illumination = settings.illumination ? 1.0F : 0.0F;
+    const auto threshold = static_cast<float>(settings.amplitudeThreshold);
+    const auto rangeMin = static_cast<float>(settings.rangeMin);
+    const auto rangeMax = static_cast<float>(settings.rangeMax);
+    const bool integral = settings.basicDataType == DATA_TYPE_UINT16;
+    const auto gain = static_cast<float>(mGain);
+
+    for (int v = 0; v < mHeight; ++v) {
+        const bool rowCrossesBall = v >= v0 && v <= v1;
+        const std::size_t row = static_cast<std::size_t>(v) * mWidth;
+        for (int u = 0; u < mWidth; ++u) {
+            const std::size_t i = row + u;
+            float z = mRoomZ[i];
+            float lit = mRoomAmp[i];
+            if (rowCrossesBall && u >= u0 && u <= u1) {
+                const float rx = mRayX[i];
+                const float ry = mRayY[i];
+                const float rr = rx * rx + ry * ry + 1.0F;
+                const float rc = rx * ball.cx + ry * ball.cy + ball.cz;
+                const float disc = rc * rc - rr * ballSquare;
+                if (disc > 0.0F) {
+                    const float t = (rc - std::sqrt(disc)) / rr;
+                    if (t > 0.0F && t < z) {
+                        const float length = std::sqrt(rr);
+                        const float cosine = ((ball.cx - rx * t) * rx + (ball.cy - ry * t) * ry + (ball.cz - t)) /
+                                             (ball.radius * length);
+                        const float distance = t * length;
+                        z = t;
+                        lit = gain * 0.9F * std::max(cosine, 0.0F) / (distance * distance);
+                    }
+                }
+            }
+            const float amplitudeTrue = lit * illumination + kAmbient;
+            const float root = std::sqrt(amplitudeTrue + 1.0F);
+            float depth = z * 1000.0F + noise[(i + depthOffset) & (kNoiseSize - 1)] * (kDepthNoise / root);
+            const float amplitude =
+                std::max(0.0F, amplitudeTrue + noise[(i + amplitudeOffset) & (kNoiseSize - 1)] * (0.5F * root));
+            if (integral) depth = std::nearbyint(depth);
+            const bool valid = amplitude >= threshold && depth >= rangeMin && depth <= rangeMax;
+            mDepth[i] = valid ? depth : 0.0F;
+            mAmplitude[i] = amplitude;
+        }
+    }
+}
+
+void Scene::writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::uint64_t timestamp,
+                              const SceneSettings& settings) const {
+    if (!settings.embeddedDataLine) {
+        frame.removeProperty("embedded_data_line");
+        return;
+    }
+    auto [result, existing] = frame.getProperty("embedded_data_line");
+    auto line = std::dynamic_pointer_cast<SimProperty>(existing);
+    if (result != RESULT_SUCCESS || !line || line->size() != static_cast<std::size_t>(mWidth)) {
+        line = SimProperty::makeBytes("embedded_data_line", static_cast<std::size_t>(mWidth));
+        frame.setProperty(line);
+    }
+    std::uint8_t record[EmbeddedLineLayout::kUsed] = {'L', 'M'};
+    put_le(record + EmbeddedLineLayout::kFrameCounter, frameNumber, 4);
+    put_le(record + EmbeddedLineLayout::kTimestamp, timestamp, 8);
+    const auto centiDegrees = static_cast<std::int16_t>(std::lround(temperatureAt(frameNumber / settings.fps) * 100.0));
+    put_le(record + EmbeddedLineLayout::kTemperature, static_cast<std::uint16_t>(centiDegrees), 2);
+    put_le(record + EmbeddedLineLayout::kIntegrationTime, kIntegrationTimeUs, 2);
+    std::memcpy(line->mutableBytes(), record, std::min(sizeof record, line->size()));
+}
+
+void Scene::render(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings,
+                   SimFrameList& list) {
+    shade(frameNumber, settings);
+    const std::size_t n = mDepth.size();
+    for (const auto& frame : list.frames()) {
+        void* out = frame->mutableData();
+        const bool wide = frame->dataType() == DATA_TYPE_FLOAT32;
+        switch (frame->frameType()) {
+        case LumoraFrame::FRAME_DEPTH:
+        case LumoraFrame::FRAME_AMPLITUDE: {
+            const float* source = frame->frameType() == LumoraFrame::FRAME_DEPTH ? mDepth.data() : mAmplitude.data();
+            if (wide) {
+                std::memcpy(out, source, n * sizeof(float));
+            } else {
+                auto* values = static_cast<std::uint16_t*>(out);
+                for (std::size_t i = 0; i < n; ++i) {
+                    values[i] = static_cast<std::uint16_t>(std::min(source[i] + 0.5F, 65535.0F));
+                }
+            }
+            break;
+        }
+        case LumoraFrame::FRAME_POINTCLOUD:
+        case LumoraFrame::FRAME_INTENSITY_POINTCLOUD: {
+            const bool intensity = frame->frameType() == LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
+            if (wide) {
+                auto* x = static_cast<float*>(out);
+                float* y = x + n;
+                float* z = y + n;
+                for (std::size_t i = 0; i < n; ++i) {
+                    const float metres = mDepth[i] * 0.001F;
+                    x[i] = mRayX[i] * metres;
+                    y[i] = mRayY[i] * metres;
+                    z[i] = metres;
+                }
+                if (intensity) std::memcpy(z + n, mAmplitude.data(), n * sizeof(float));
+            } else {
+                auto* x = static_cast<std::uint16_t*>(out);
+                std::uint16_t* y = x + n;
+                std::uint16_t* z = y + n;
+                for (std::size_t i = 0; i < n; ++i) {
+                    const float millimetres = std::nearbyint(mDepth[i]);
+                    x[i] = static_cast<std::uint16_t>(static_cast<std::int16_t>(
+                        std::clamp(std::nearbyint(mRayX[i] * millimetres), -32768.0F, 32767.0F)));
+                    y[i] = static_cast<std::uint16_t>(static_cast<std::int16_t>(
+                        std::clamp(std::nearbyint(mRayY[i] * millimetres), -32768.0F, 32767.0F)));
+                    z[i] = static_cast<std::uint16_t>(std::min(millimetres, 65535.0F));
+                }
+                if (intensity) {
+                    std::uint16_t* a = z + n;
+                    for (std::size_t i = 0; i < n; ++i) {
+                        a[i] = static_cast<std::uint16_t>(std::min(mAmplitude[i] + 0.5F, 65535.0F));
+                    }
+                }
+            }
+            break;
+        }
+        default:
+            break;
+        }
+        writeEmbeddedLine(*frame, frameNumber, timestamp, settings);
+    }
+    list.stamp(frameNumber, timestamp);
+}
+
+}  // namespace halden::sensor::sim

@@ -1,0 +1,85 @@
+// The simulated sensor's view: a room (floor, ceiling, side walls, a back wall with a
+// door) and a ball moving through it, seen by a lens with the device's calibration.
+//
+// Rendering is a pure function of the device, the settings and the frame number, so the
+// same frame can be made again and checked.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <halden/sensor/LumoraCalibration.h>
+#include <halden/sensor/LumoraDataType.h>
+
+#include "DeviceSpec.h"
+#include "SimFrame.h"
+
+namespace halden::sensor::sim {
+
+// The camera settings that change what the sensor delivers.
+struct SceneSettings {
+    int amplitudeThreshold = 10;
+    double fps = 30.0;
+    int rangeMin = 200;   // millimetres
+    int rangeMax = 5000;  // millimetres
+    bool illumination = true;
+    bool embeddedDataLine = false;
+    DataType basicDataType = DATA_TYPE_UINT16;       // depth and amplitude frames
+    DataType pointCloudDataType = DATA_TYPE_FLOAT32;  // both point-cloud frames
+};
+
+struct LensCalibration {
+    DistortionCoefficients distortion;
+    IntrinsicParameters intrinsics;
+    ExtrinsicParameters extrinsics;
+    FieldOfView fov;
+};
+
+// Byte offsets of the fields of a frame's embedded data line (little-endian); the rest of
+// the line, up to the frame width, is zero.
+struct EmbeddedLineLayout {
+    static constexpr std::size_t kMagic = 0;            // "LM"
+    static constexpr std::size_t kFrameCounter = 2;     // u32
+    static constexpr std::size_t kTimestamp = 6;        // u64, microseconds
+    static constexpr std::size_t kTemperature = 14;     // i16, hundredths of a degree Celsius
+    static constexpr std::size_t kIntegrationTime = 16; // u16, microseconds
+    static constexpr std::size_t kUsed = 18;
+};
+
+class Scene {
+public:
+    Scene(const DeviceSpec& device, const ModelInfo& model);
+
+    int width() const { return mWidth; }
+    int height() const { return mHeight; }
+    const std::vector<LensCalibration>& lenses() const { return mLenses; }
+    // Sensor temperature in degrees Celsius, t seconds after power-up.
+    static double temperatureAt(double seconds);
+
+    // Fills every frame of the list (allocated to this scene's size) with frame
+    // `frameNumber` and stamps the list. Not reentrant: one thread renders at a time.
+    void render(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings,
+                SimFrameList& list);
+
+private:
+    struct Ball {
+        float cx, cy, cz, radius;
+    };
+    Ball ballAt(double seconds) const;
+    void buildRays();
+    void buildRoom();
+    void shade(std::uint32_t frameNumber, const SceneSettings& settings);
+    void writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::uint64_t timestamp,
+                           const SceneSettings& settings) const;
+
+    int mWidth;
+    int mHeight;
+    double mGain;
+    float mBackWall;  // metres
+    std::vector<LensCalibration> mLenses;
+    std::vector<float> mRayX, mRayY;        // per pixel: the ray (x, y, 1) in camera space
+    std::vector<float> mRoomZ, mRoomAmp;    // per pixel: the empty room's z (m) and amplitude
+    std::vector<float> mDepth, mAmplitude;  // scratch of one render: depth (mm, 0 missing), amplitude
+};
+
+}  // namespace halden::sensor::sim

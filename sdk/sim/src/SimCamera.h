@@ -1,0 +1,113 @@
+// A camera opened on a virtual device.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <halden/sensor/LumoraCamera.h>
+#include <halden/sensor/LumoraSink.h>
+
+#include "DeviceSpec.h"
+#include "Scene.h"
+#include "SerialExecutor.h"
+#include "SimFrame.h"
+
+namespace halden::sensor::sim {
+
+class SimSource final : public LumoraSource {
+public:
+    SimSource(int number, DeviceSpec device);
+
+    std::string name() const override { return mDevice.model; }
+    std::string serialNumber() const override { return mSerialNumber; }
+    std::string uri() const override { return mUri; }
+
+    int number() const { return mNumber; }
+    const DeviceSpec& device() const { return mDevice; }
+
+private:
+    int mNumber;
+    DeviceSpec mDevice;
+    std::string mSerialNumber;
+    std::string mUri;
+};
+
+class SimCamera final : public LumoraCamera {
+public:
+    explicit SimCamera(std::shared_ptr<SimSource> source);
+    ~SimCamera() override;
+
+    State state() const override;
+    std::shared_ptr<LumoraSource> source() const override { return mSource; }
+    int lensCount() const override { return static_cast<int>(mScene.lenses().size()); }
+    Result getDistortionCoefficients(int lens, DistortionCoefficients& out) const override;
+    Result getIntrinsicParameters(int lens, IntrinsicParameters& out) const override;
+    Result getExtrinsicParameters(int lens, ExtrinsicParameters& out) const override;
+    Result getFieldOfView(int lens, FieldOfView& out) const override;
+    Result prepare() override;
+    std::uint32_t supportedFrameTypes() const override;
+    Result run(int wantedFrame) override;
+    Result stop() override;
+    Result release() override;
+    Result setProperty(const std::shared_ptr<LumoraProperty>& property) override;
+    Result setProperties(const std::shared_ptr<LumoraProperties>& properties) override;
+    std::tuple<Result, std::shared_ptr<LumoraProperty>> getProperty(const std::string& key) const override;
+    std::tuple<Result, std::shared_ptr<LumoraProperties>> getProperties(const std::string& name) const override;
+    Result addSink(LumoraSink* sink) override;
+    Result removeSink(LumoraSink* sink) override;
+    std::uint32_t wantedFrame() const override;
+
+    // Stops, releases and closes the camera once its last callbacks have been delivered.
+    Result close();
+    bool isClosed() const;
+    // The device went away: a running camera reports RESULT_NO_SUCH_DEVICE and the states
+    // of a stop and a release; every operation then answers RESULT_NO_SUCH_DEVICE.
+    void unplug();
+    // The next deadline delivers this list instead of a rendered one.
+    Result injectFrameList(std::shared_ptr<LumoraFrameList> list);
+    Result injectError(Result error);
+
+private:
+    Result usable() const;  // mMutex held
+    bool onDeliveryThread() const { return std::this_thread::get_id() == mDeliveryId.load(); }
+    void postState(State state, bool prepared = false);
+    Result stopLocked(std::unique_lock<std::mutex>& control);
+    void deliver();
+    std::shared_ptr<SimFrameList> acquireList(std::uint32_t mask, const SceneSettings& settings);
+    std::uint64_t microsecondsSinceOpen(std::chrono::steady_clock::time_point when) const;
+
+    const std::shared_ptr<SimSource> mSource;
+    const ModelInfo mModel;
+    const std::chrono::steady_clock::time_point mOpened;
+    Scene mScene;  // rendered on the delivery thread only; its calibration is read-only
+
+    std::mutex mControl;  // serialises the life cycle; held while joining the delivery thread
+
+    mutable std::mutex mMutex;  // guards everything below
+    std::condition_variable mWake;
+    State mState = STATE_NOT_PREPARED;
+    bool mClosed = false;
+    bool mUnplugged = false;
+    bool mStopDelivery = false;
+    std::uint32_t mWanted = 0;
+    std::uint32_t mNextFrameNumber = 0;
+    SceneSettings mSettings;
+    std::vector<LumoraSink*> mSinks;
+    std::deque<std::shared_ptr<LumoraFrameList>> mInjected;
+
+    std::thread mDelivery;
+    std::atomic<std::thread::id> mDeliveryId{};
+    std::vector<std::shared_ptr<SimFrameList>> mPool;  // delivery thread only
+    std::vector<LumoraSink*> mDeliverySinks;             // delivery thread only
+    SerialExecutor mEvents;  // state and error callbacks, in order
+};
+
+}  // namespace halden::sensor::sim

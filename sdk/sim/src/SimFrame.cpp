@@ -1,0 +1,155 @@
+#include "SimFrame.h"
+
+#include <cstring>
+#include <type_traits>
+
+namespace halden::sensor::sim {
+
+namespace {
+
+std::size_t element_size(DataType type) { return type == DATA_TYPE_UINT16 ? 2 : 4; }
+
+template <typename View>
+View view_of(const std::shared_ptr<LumoraFrame>& frame, std::uint32_t typeMask, DataType dataType) {
+    if (!frame || (frame->frameType() & typeMask) == 0 || frame->dataType() != dataType) return View();
+    using Element = std::remove_const_t<std::remove_pointer_t<decltype(View().data())>>;
+    return View(frame, static_cast<const Element*>(frame->data()));
+}
+
+constexpr std::uint32_t kBasicTypes = LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_AMPLITUDE;
+
+}  // namespace
+
+SimFrame::SimFrame(FrameType type, DataType dataType, int width, int height)
+    : mType(type),
+      mDataType(dataType),
+      mWidth(width),
+      mHeight(height),
+      mPlanes(planesOf(type)),
+      mBytes(mPlanes * elementCount() * element_size(dataType)),
+      mData(new std::uint8_t[mBytes]) {}
+
+std::size_t SimFrame::planesOf(FrameType type) {
+    switch (type) {
+    case FRAME_POINTCLOUD: return 3;
+    case FRAME_INTENSITY_POINTCLOUD: return 4;
+    default: return 1;
+    }
+}
+
+std::tuple<Result, std::shared_ptr<LumoraProperty>> SimFrame::getProperty(const std::string& key) const {
+    for (const auto& property : mProperties) {
+        if (property->key() == key) return {RESULT_SUCCESS, property};
+    }
+    return {RESULT_NOT_FOUND, nullptr};
+}
+
+void SimFrame::stamp(std::uint32_t frameNumber, std::uint64_t timestamp) {
+    mFrameNumber = frameNumber;
+    mTimestamp = timestamp;
+}
+
+void SimFrame::setProperty(std::shared_ptr<LumoraProperty> property) {
+    for (auto& existing : mProperties) {
+        if (existing->key() == property->key()) {
+            existing = std::move(property);
+            return;
+        }
+    }
+    mProperties.push_back(std::move(property));
+}
+
+void SimFrame::removeProperty(const std::string& key) {
+    for (auto it = mProperties.begin(); it != mProperties.end(); ++it) {
+        if ((*it)->key() == key) {
+            mProperties.erase(it);
+            return;
+        }
+    }
+}
+
+bool SimFrame::unshared(const std::shared_ptr<SimFrame>& self) const {
+    if (self.use_count() != 1) return false;
+    for (const auto& property : mProperties) {
+        if (property.use_count() != 1) return false;
+    }
+    return true;
+}
+
+std::shared_ptr<LumoraFrame> SimFrameList::at(std::size_t index) const {
+    return index < mFrames.size() ? mFrames[index] : nullptr;
+}
+
+void SimFrameList::stamp(std::uint32_t frameNumber, std::uint64_t timestamp) {
+    mFrameNumber = frameNumber;
+    mTimestamp = timestamp;
+    for (auto& frame : mFrames) frame->stamp(frameNumber, timestamp);
+}
+
+bool SimFrameList::unshared(const std::shared_ptr<SimFrameList>& self) const {
+    if (self.use_count() != 1) return false;
+    for (const auto& frame : mFrames) {
+        if (!frame->unshared(frame)) return false;
+    }
+    return true;
+}
+
+}  // namespace halden::sensor::sim
+
+namespace halden::sensor {
+
+std::shared_ptr<LumoraFrame> find_frame(const std::shared_ptr<LumoraFrameList>& list, LumoraFrame::FrameType type) {
+    if (!list) return nullptr;
+    for (std::size_t i = 0, n = list->size(); i < n; ++i) {
+        auto frame = list->at(i);
+        if (frame && frame->frameType() == type) return frame;
+    }
+    return nullptr;
+}
+
+std::shared_ptr<LumoraFrameList> copy_frame_list(const std::shared_ptr<LumoraFrameList>& list) {
+    if (!list) return nullptr;
+    auto copy = std::make_shared<sim::SimFrameList>();
+    for (std::size_t i = 0, n = list->size(); i < n; ++i) {
+        const auto frame = list->at(i);
+        if (!frame) continue;
+        auto duplicate = std::make_shared<sim::SimFrame>(frame->frameType(), frame->dataType(), frame->width(),
+                                                         frame->height());
+        std::memcpy(duplicate->mutableData(), frame->data(), duplicate->byteSize());
+        duplicate->stamp(frame->frameNumber(), frame->timestamp());
+        if (auto [result, line] = frame->getProperty("embedded_data_line"); result == RESULT_SUCCESS && line) {
+            duplicate->setProperty(line->clone());
+        }
+        copy->add(std::move(duplicate));
+    }
+    copy->stamp(list->frameNumber(), list->timestamp());
+    return copy;
+}
+
+LumoraBasicFrame16u frame_cast_basic16u(const std::shared_ptr<LumoraFrame>& frame) {
+    return sim::view_of<LumoraBasicFrame16u>(frame, sim::kBasicTypes, DATA_TYPE_UINT16);
+}
+
+LumoraBasicFrame32f frame_cast_basic32f(const std::shared_ptr<LumoraFrame>& frame) {
+    return sim::view_of<LumoraBasicFrame32f>(frame, sim::kBasicTypes, DATA_TYPE_FLOAT32);
+}
+
+LumoraPointCloud16u frame_cast_pcl16u(const std::shared_ptr<LumoraFrame>& frame) {
+    return sim::view_of<LumoraPointCloud16u>(frame, LumoraFrame::FRAME_POINTCLOUD, DATA_TYPE_UINT16);
+}
+
+LumoraPointCloud32f frame_cast_pcl32f(const std::shared_ptr<LumoraFrame>& frame) {
+    return sim::view_of<LumoraPointCloud32f>(frame, LumoraFrame::FRAME_POINTCLOUD, DATA_TYPE_FLOAT32);
+}
+
+LumoraIntensityPointCloud16u frame_cast_ipcl16u(const std::shared_ptr<LumoraFrame>& frame) {
+    return sim::view_of<LumoraIntensityPointCloud16u>(frame, LumoraFrame::FRAME_INTENSITY_POINTCLOUD,
+                                                      DATA_TYPE_UINT16);
+}
+
+LumoraIntensityPointCloud32f frame_cast_ipcl32f(const std::shared_ptr<LumoraFrame>& frame) {
+    return sim::view_of<LumoraIntensityPointCloud32f>(frame, LumoraFrame::FRAME_INTENSITY_POINTCLOUD,
+                                                      DATA_TYPE_FLOAT32);
+}
+
+}  // namespace halden::sensor

@@ -1,0 +1,30 @@
+// The shell's state: owned by the program entry, worked on by the shell thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <halden/sensor/Lumora.h>
+
+namespace lumora::shell {
+
+struct ShellContext {
+    // Set by "quit"; the entry point polls it once a second.
+    std::atomic<bool> quit{false};
+    // Set by a successful "run", cleared by "stop", "deselect" and "quit"; also keeps the
+    // run/stop stress test going.
+    std::atomic<bool> running{false};
+    std::thread testThread;
+    // Only the shell thread changes the selected camera.
+    std::shared_ptr<halden::sensor::LumoraCamera> camera;
+    std::shared_ptr<halden::sensor::LumoraSourceList> sources;
+    // The selected source's name; empty while nothing is selected.
+    std::string promptName;
+    // The last frame selector given to "run".
+    std::int32_t runArgument = 6;
+};
+
+}  // namespace lumora::shell

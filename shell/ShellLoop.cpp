@@ -1,0 +1,46 @@
+#include "ShellLoop.h"
+
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include "ResultPrinter.h"
+
+namespace lumora::shell {
+
+namespace {
+
+void stop_stress_test(ShellContext& context) {
+    context.running = false;
+    if (context.testThread.joinable()) context.testThread.join();
+}
+
+void quit(ShellContext& context) {
+    stop_stress_test(context);
+    if (context.camera) {
+        context.camera->stop();
+        context.camera->release();
+        halden::sensor::destroy_camera(context.camera);
+        context.camera.reset();
+        context.promptName.clear();
+    }
+    context.quit = true;
+}
+
+}  // namespace
+
+// A line-based stand-in for the interactive interpreter: it knows "quit" only.
+void run_shell(ShellContext& context) {
+    std::string line;
+    while (!context.quit) {
+        std::printf("%s", context.promptName.empty() ? "LumoraShell>" : (context.promptName + ":").c_str());
+        std::fflush(stdout);
+        if (!std::getline(std::cin, line) || line == "quit") {
+            quit(context);
+        } else if (!line.empty()) {
+            print_result(halden::sensor::RESULT_NOT_SUPPORTED);
+        }
+    }
+}
+
+}  // namespace lumora::shell

@@ -1,0 +1,44 @@
+// lumora-shell: an interactive shell for time-of-flight cameras.
+//
+// Threads: the main thread builds the long-lived objects, starts the shell thread, then
+// only polls `quit` once a second; the shell thread runs every command. When `quit` is
+// set the main thread joins the shell thread and tears down in the reverse order of
+// start-up. The camera itself is closed by the shell thread before it sets `quit`.
+#include <cerrno>
+#include <ctime>
+#include <thread>
+
+#include <halden/sensor/Lumora.h>
+
+#include "ShellContext.h"
+#include "ShellLoop.h"
+#include "SourceListener.h"
+
+namespace {
+
+void sleep_one_second() {
+    timespec remaining{1, 0};
+    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
+    }
+}
+
+}  // namespace
+
+int main() {
+    using lumora::shell::gSourceListener;
+    lumora::shell::ShellContext context;
+
+    halden::sensor::add_source_listener(&gSourceListener);
+    gSourceListener.setStopTest([&context] {
+        context.running = false;
+        if (context.testThread.joinable()) context.testThread.join();
+    });
+
+    std::thread shellThread([&context] { lumora::shell::run_shell(context); });
+    while (!context.quit) sleep_one_second();
+
+    if (shellThread.joinable()) shellThread.join();
+    context.sources.reset();
+    context.camera.reset();
+    return 0;
+}
