@@ -100,7 +100,7 @@ std::optional<DeviceSpec> parse_device_entry(const std::string& entry) {
         }
     }
     if (at != std::string::npos) {
-        if (!parse_rate(text.substr(at + 1), spec.fps) || !(spec.fps > 0.0) || spec.fps > 120.0) {
+        if (!parse_rate(text.substr(at + 1), spec.fps) || spec.fps < 1.0 || spec.fps > 120.0) {
             return std::nullopt;
         }
     }

@@ -32,7 +32,7 @@ struct DeviceSpec {
 
 // Parses one entry "MODEL[:WxH][@FPS]", blanks around it ignored. A model is 1 to 31
 // letters, digits, '-' or '_'; a size is 8 to 4096 a side and 4 megapixels at most; a rate
-// is more than 0 and at most 120. Missing parts take the model's defaults. Empty on a
+// is 1 to 120 frames a second. Missing parts take the model's defaults. Empty on a
 // malformed entry.
 std::optional<DeviceSpec> parse_device_entry(const std::string& entry);
 

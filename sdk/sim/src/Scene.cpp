@@ -41,6 +41,12 @@ std::uint32_t mix(std::uint32_t x) {
     return x;
 }
 
+// A signed coordinate in millimetres, rounded, as the two's-complement bits of 16-bit data.
+std::uint16_t signed_millimetres(float value) {
+    const float rounded = value + (value >= 0.0F ? 0.5F : -0.5F);
+    return static_cast<std::uint16_t>(static_cast<std::int16_t>(std::clamp(rounded, -32768.0F, 32767.0F)));
+}
+
 void put_le(std::uint8_t* out, std::uint64_t value, std::size_t bytes) {
     for (std::size_t i = 0; i < bytes; ++i) out[i] = static_cast<std::uint8_t>(value >> (8 * i));
 }
@@ -71,8 +77,11 @@ Scene::Scene(const DeviceSpec& device, const ModelInfo& model)
     const std::size_t pixels = static_cast<std::size_t>(mWidth) * mHeight;
     mRayX.resize(pixels);
     mRayY.resize(pixels);
-    mRoomZ.resize(pixels);
-    mRoomAmp.resize(pixels);
+    mRoomDepth.resize(pixels);
+    mRoomLight.resize(pixels);
+    mLitAmplitude.resize(pixels);
+    mDepthSigma.resize(pixels);
+    mAmplitudeSigma.resize(pixels);
     mDepth.resize(pixels);
     mAmplitude.resize(pixels);
     buildRays();
@@ -158,8 +167,8 @@ void Scene::buildRoom() {
             reflectivity = door ? 0.25F : 0.8F;
         }
         const float distance = bestZ * length;
-        mRoomZ[i] = bestZ;
-        mRoomAmp[i] = static_cast<float>(mGain) * reflectivity * bestCos / (distance * distance);
+        mRoomDepth[i] = bestZ * 1000.0F;
+        mRoomLight[i] = static_cast<float>(mGain) * reflectivity * bestCos / (distance * distance);
     }
 }
 
@@ -173,9 +182,88 @@ Scene::Ball Scene::ballAt(double seconds) const {
     return {x, down * c - forward * s, down * s + forward * c, radius};
 }
 
+namespace {
+
+// The sensor's true amplitude is the reflected light plus ambient light; noise of both
+// readings falls with the root of it.
+struct Reading {
+    float amplitude;
+    float root;
+};
+
+inline Reading reading(float light, float illumination) {
+    const float amplitude = light * illumination + kAmbient;
+    return {amplitude, std::sqrt(amplitude + 1.0F)};
+}
+
+// What the sensor reports for one pixel: the noisy depth, missing (0) when the amplitude is
+// too low or the depth out of range.
+struct PixelRule {
+    float threshold;
+    float rangeMin;
+    float rangeMax;
+};
+
+template <bool Integral>
+inline void report(float depth, float amplitude, const PixelRule& rule, float& outDepth, float& outAmplitude) {
+    amplitude = std::max(amplitude, 0.0F);
+    if (Integral) depth = static_cast<float>(static_cast<int>(depth + 0.5F));
+    // Bitwise, not short-circuit: no branch, so the loops around this vectorise.
+    const bool valid = (amplitude >= rule.threshold) & (depth >= rule.rangeMin) & (depth <= rule.rangeMax);
+    outDepth = valid ? depth : 0.0F;
+    outAmplitude = amplitude;
+}
+
+// The room's pixels in runs of contiguous noise, so that the loop vectorises.
+template <bool Integral>
+void report_room(std::size_t pixels, std::uint32_t depthOffset, std::uint32_t amplitudeOffset, const PixelRule& rule,
+                 const float* __restrict roomDepth, const float* __restrict amplitudes,
+                 const float* __restrict depthSigma, const float* __restrict amplitudeSigma,
+                 float* __restrict outDepth, float* __restrict outAmplitude) {
+    const float* noise = noise_table().data();
+    for (std::size_t begin = 0; begin < pixels;) {
+        const std::size_t depthStart = (begin + depthOffset) & (kNoiseSize - 1);
+        const std::size_t amplitudeStart = (begin + amplitudeOffset) & (kNoiseSize - 1);
+        const std::size_t run =
+            std::min({pixels - begin, kNoiseSize - depthStart, kNoiseSize - amplitudeStart});
+        const float* __restrict depthNoise = noise + depthStart;
+        const float* __restrict amplitudeNoise = noise + amplitudeStart;
+        for (std::size_t k = 0; k < run; ++k) {
+            const std::size_t i = begin + k;
+            report<Integral>(roomDepth[i] + depthNoise[k] * depthSigma[i],
+                             amplitudes[i] + amplitudeNoise[k] * amplitudeSigma[i], rule, outDepth[i],
+                             outAmplitude[i]);
+        }
+        begin += run;
+    }
+}
+
+}  // namespace
+
+void Scene::light(bool illumination) {
+    if (mLitFor == static_cast<int>(illumination)) return;
+    for (std::size_t i = 0; i < mRoomLight.size(); ++i) {
+        const Reading r = reading(mRoomLight[i], illumination ? 1.0F : 0.0F);
+        mLitAmplitude[i] = r.amplitude;
+        mDepthSigma[i] = kDepthNoise / r.root;
+        mAmplitudeSigma[i] = 0.5F * r.root;
+    }
+    mLitFor = static_cast<int>(illumination);
+}
+
 void Scene::shade(std::uint32_t frameNumber, const SceneSettings& settings) {
+    light(settings.illumination);
+    const PixelRule rule{static_cast<float>(settings.amplitudeThreshold), static_cast<float>(settings.rangeMin),
+                         static_cast<float>(settings.rangeMax)};
+    const bool integral = settings.basicDataType == DATA_TYPE_UINT16;
+    const std::uint32_t depthOffset = mix(frameNumber * 2U + 1U);
+    const std::uint32_t amplitudeOffset = mix(frameNumber * 2U + 2U);
+    (integral ? report_room<true> : report_room<false>)(mDepth.size(), depthOffset, amplitudeOffset, rule,
+                                                        mRoomDepth.data(), mLitAmplitude.data(), mDepthSigma.data(),
+                                                        mAmplitudeSigma.data(), mDepth.data(), mAmplitude.data());
+
+    // The ball, over the box of rows and columns around its projection.
     const Ball ball = ballAt(frameNumber / settings.fps);
-    // The ball covers a box of rows and columns around its projection.
     const auto& k = mLenses.front().intrinsics;
     const float reach = ball.radius / (ball.cz - ball.radius) * 1.6F;
     const float centreX = ball.cx / ball.cz;
@@ -185,51 +273,32 @@ void Scene::shade(std::uint32_t frameNumber, const SceneSettings& settings) {
     const int v0 = std::max(0, static_cast<int>((centreY - reach) * k.fy + k.cy) - 4);
     const int v1 = std::min(mHeight - 1, static_cast<int>((centreY + reach) * k.fy + k.cy) + 4);
     const float ballSquare = ball.cx * ball.cx + ball.cy * ball.cy + ball.cz * ball.cz - ball.radius * ball.radius;
-
-    const auto& noise = noise_table();
-    const std::uint32_t depthOffset = mix(frameNumber * 2U + 1U);
-    const std::uint32_t amplitudeOffset = mix(frameNumber * 2U + 2U);
     const float illumination = settings.illumination ? 1.0F : 0.0F;
-    const auto threshold = static_cast<float>(settings.amplitudeThreshold);
-    const auto rangeMin = static_cast<float>(settings.rangeMin);
-    const auto rangeMax = static_cast<float>(settings.rangeMax);
-    const bool integral = settings.basicDataType == DATA_TYPE_UINT16;
-    const auto gain = static_cast<float>(mGain);
-
-    for (int v = 0; v < mHeight; ++v) {
-        const bool rowCrossesBall = v >= v0 && v <= v1;
-        const std::size_t row = static_cast<std::size_t>(v) * mWidth;
-        for (int u = 0; u < mWidth; ++u) {
-            const std::size_t i = row + u;
-            float z = mRoomZ[i];
-            float lit = mRoomAmp[i];
-            if (rowCrossesBall && u >= u0 && u <= u1) {
-                const float rx = mRayX[i];
-                const float ry = mRayY[i];
-                const float rr = rx * rx + ry * ry + 1.0F;
-                const float rc = rx * ball.cx + ry * ball.cy + ball.cz;
-                const float disc = rc * rc - rr * ballSquare;
-                if (disc > 0.0F) {
-                    const float t = (rc - std::sqrt(disc)) / rr;
-                    if (t > 0.0F && t < z) {
-                        const float length = std::sqrt(rr);
-                        const float cosine = ((ball.cx - rx * t) * rx + (ball.cy - ry * t) * ry + (ball.cz - t)) /
-                                             (ball.radius * length);
-                        const float distance = t * length;
-                        z = t;
-                        lit = gain * 0.9F * std::max(cosine, 0.0F) / (distance * distance);
-                    }
-                }
+    const auto& noise = noise_table();
+    for (int v = v0; v <= v1; ++v) {
+        for (int u = u0; u <= u1; ++u) {
+            const std::size_t i = static_cast<std::size_t>(v) * mWidth + u;
+            const float rx = mRayX[i];
+            const float ry = mRayY[i];
+            const float rr = rx * rx + ry * ry + 1.0F;
+            const float rc = rx * ball.cx + ry * ball.cy + ball.cz;
+            const float disc = rc * rc - rr * ballSquare;
+            if (disc <= 0.0F) continue;
+            const float t = (rc - std::sqrt(disc)) / rr;
+            if (t <= 0.0F || t * 1000.0F >= mRoomDepth[i]) continue;
+            const float length = std::sqrt(rr);
+            const float cosine =
+                ((ball.cx - rx * t) * rx + (ball.cy - ry * t) * ry + (ball.cz - t)) / (ball.radius * length);
+            const float distance = t * length;
+            const Reading r = reading(static_cast<float>(mGain) * 0.9F * std::max(cosine, 0.0F) / (distance * distance),
+                                      illumination);
+            const float depth = t * 1000.0F + noise[(i + depthOffset) & (kNoiseSize - 1)] * (kDepthNoise / r.root);
+            const float amplitude = r.amplitude + noise[(i + amplitudeOffset) & (kNoiseSize - 1)] * (0.5F * r.root);
+            if (integral) {
+                report<true>(depth, amplitude, rule, mDepth[i], mAmplitude[i]);
+            } else {
+                report<false>(depth, amplitude, rule, mDepth[i], mAmplitude[i]);
             }
-            const float amplitudeTrue = lit * illumination + kAmbient;
-            const float root = std::sqrt(amplitudeTrue + 1.0F);
-            float depth = z * 1000.0F + noise[(i + depthOffset) & (kNoiseSize - 1)] * (kDepthNoise / root);
-            const float amplitude =
-                std::max(0.0F, amplitudeTrue + noise[(i + amplitudeOffset) & (kNoiseSize - 1)] * (0.5F * root));
-            if (integral) depth = std::nearbyint(depth);
-            const bool valid = amplitude >= threshold && depth >= rangeMin && depth <= rangeMax;
-            mDepth[i] = valid ? depth : 0.0F;
-            mAmplitude[i] = amplitude;
         }
     }
 }
@@ -271,7 +340,7 @@ void Scene::render(std::uint32_t frameNumber, std::uint64_t timestamp, const Sce
             } else {
                 auto* values = static_cast<std::uint16_t*>(out);
                 for (std::size_t i = 0; i < n; ++i) {
-                    values[i] = static_cast<std::uint16_t>(std::min(source[i] + 0.5F, 65535.0F));
+                    values[i] = static_cast<std::uint16_t>(static_cast<int>(std::min(source[i] + 0.5F, 65535.0F)));
                 }
             }
             break;
@@ -295,17 +364,15 @@ void Scene::render(std::uint32_t frameNumber, std::uint64_t timestamp, const Sce
                 std::uint16_t* y = x + n;
                 std::uint16_t* z = y + n;
                 for (std::size_t i = 0; i < n; ++i) {
-                    const float millimetres = std::nearbyint(mDepth[i]);
-                    x[i] = static_cast<std::uint16_t>(static_cast<std::int16_t>(
-                        std::clamp(std::nearbyint(mRayX[i] * millimetres), -32768.0F, 32767.0F)));
-                    y[i] = static_cast<std::uint16_t>(static_cast<std::int16_t>(
-                        std::clamp(std::nearbyint(mRayY[i] * millimetres), -32768.0F, 32767.0F)));
-                    z[i] = static_cast<std::uint16_t>(std::min(millimetres, 65535.0F));
+                    const float millimetres = static_cast<float>(static_cast<int>(mDepth[i] + 0.5F));
+                    x[i] = signed_millimetres(mRayX[i] * millimetres);
+                    y[i] = signed_millimetres(mRayY[i] * millimetres);
+                    z[i] = static_cast<std::uint16_t>(static_cast<int>(std::min(millimetres, 65535.0F)));
                 }
                 if (intensity) {
                     std::uint16_t* a = z + n;
                     for (std::size_t i = 0; i < n; ++i) {
-                        a[i] = static_cast<std::uint16_t>(std::min(mAmplitude[i] + 0.5F, 65535.0F));
+                        a[i] = static_cast<std::uint16_t>(static_cast<int>(std::min(mAmplitude[i] + 0.5F, 65535.0F)));
                     }
                 }
             }

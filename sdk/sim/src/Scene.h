@@ -68,6 +68,7 @@ private:
     Ball ballAt(double seconds) const;
     void buildRays();
     void buildRoom();
+    void light(bool illumination);
     void shade(std::uint32_t frameNumber, const SceneSettings& settings);
     void writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::uint64_t timestamp,
                            const SceneSettings& settings) const;
@@ -78,7 +79,11 @@ private:
     float mBackWall;  // metres
     std::vector<LensCalibration> mLenses;
     std::vector<float> mRayX, mRayY;        // per pixel: the ray (x, y, 1) in camera space
-    std::vector<float> mRoomZ, mRoomAmp;    // per pixel: the empty room's z (m) and amplitude
+    std::vector<float> mRoomDepth, mRoomLight;  // per pixel: the empty room's depth (mm) and reflected light
+    // The empty room as the sensor sees it with the current illumination: true amplitude
+    // and the deviations of depth and amplitude noise.
+    int mLitFor = -1;  // the illumination the three arrays were made for, -1 for none yet
+    std::vector<float> mLitAmplitude, mDepthSigma, mAmplitudeSigma;
     std::vector<float> mDepth, mAmplitude;  // scratch of one render: depth (mm, 0 missing), amplitude
 };
 

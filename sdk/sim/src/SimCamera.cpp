@@ -336,6 +336,7 @@ Result SimCamera::setProperty(const std::shared_ptr<LumoraProperty>& property) {
     if (result != RESULT_SUCCESS) return result;
     if (settings.rangeMin >= settings.rangeMax) return RESULT_OUT_OF_RANGE;
     mSettings = settings;
+    mWake.notify_all();  // a new frame rate moves the next deadline
     return RESULT_SUCCESS;
 }
 
@@ -352,6 +353,7 @@ Result SimCamera::setProperties(const std::shared_ptr<LumoraProperties>& propert
     }
     if (settings.rangeMin >= settings.rangeMax) return RESULT_OUT_OF_RANGE;
     mSettings = settings;
+    mWake.notify_all();  // a new frame rate moves the next deadline
     return RESULT_SUCCESS;
 }
 
@@ -475,6 +477,8 @@ std::shared_ptr<SimFrameList> SimCamera::acquireList(std::uint32_t mask, const S
     return list;
 }
 
+// Each list is rendered ahead, right after the one before was delivered, so that the
+// sinks receive it at its deadline whatever the rendering costs.
 void SimCamera::deliver() {
     using Clock = std::chrono::steady_clock;
     mDeliveryId = std::this_thread::get_id();
@@ -483,35 +487,39 @@ void SimCamera::deliver() {
     double fps = mSettings.fps;
     std::uint64_t tick = 0;  // deadlines since base
     std::uint32_t firstFrame = mNextFrameNumber;
-    while (true) {
+    std::shared_ptr<LumoraFrameList> ahead;
+    while (!mStopDelivery) {
         if (mSettings.fps != fps) {  // a new rate counts from the last deadline
             base += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(tick / fps));
             firstFrame += static_cast<std::uint32_t>(tick);
             tick = 0;
             fps = mSettings.fps;
+            ahead.reset();
         }
         const auto period = std::chrono::duration<double>(1.0 / fps);
         const auto deadline = base + std::chrono::duration_cast<Clock::duration>(period * static_cast<double>(tick + 1));
-        if (mWake.wait_until(lock, deadline, [this] { return mStopDelivery; })) break;
-        if (mSettings.fps != fps) continue;
+        const std::uint32_t frameNumber = firstFrame + static_cast<std::uint32_t>(tick);
+        if (!ahead) {
+            const SceneSettings settings = mSettings;
+            const std::uint32_t mask = mWanted;
+            lock.unlock();
+            auto pooled = acquireList(mask, settings);
+            mScene.render(frameNumber, microsecondsSinceOpen(deadline), settings, *pooled);
+            ahead = std::move(pooled);
+            lock.lock();
+            continue;  // the rate may have changed meanwhile
+        }
+        if (mWake.wait_until(lock, deadline, [this, fps] { return mStopDelivery || mSettings.fps != fps; })) continue;
         ++tick;
-        const SceneSettings settings = mSettings;
-        const std::uint32_t mask = mWanted;
+        mNextFrameNumber = frameNumber + 1;
         mDeliverySinks = mSinks;
-        std::shared_ptr<LumoraFrameList> list;
+        std::shared_ptr<LumoraFrameList> list = std::move(ahead);
         if (!mInjected.empty()) {
             list = std::move(mInjected.front());
             mInjected.pop_front();
         }
-        const std::uint32_t frameNumber = firstFrame + static_cast<std::uint32_t>(tick - 1);
-        mNextFrameNumber = frameNumber + 1;
         lock.unlock();
 
-        if (!list) {
-            auto pooled = acquireList(mask, settings);
-            mScene.render(frameNumber, microsecondsSinceOpen(deadline), settings, *pooled);
-            list = std::move(pooled);
-        }
         for (auto* sink : mDeliverySinks) sink->onLumoraFrameList(mSource.get(), list);
         list.reset();
 

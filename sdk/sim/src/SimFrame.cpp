@@ -117,7 +117,10 @@ std::shared_ptr<LumoraFrameList> copy_frame_list(const std::shared_ptr<LumoraFra
                                                          frame->height());
         std::memcpy(duplicate->mutableData(), frame->data(), duplicate->byteSize());
         duplicate->stamp(frame->frameNumber(), frame->timestamp());
-        if (auto [result, line] = frame->getProperty("embedded_data_line"); result == RESULT_SUCCESS && line) {
+        // A frame of another library can only be asked for the keys we know of.
+        if (const auto simFrame = std::dynamic_pointer_cast<const sim::SimFrame>(frame)) {
+            for (const auto& property : simFrame->properties()) duplicate->setProperty(property->clone());
+        } else if (auto [result, line] = frame->getProperty("embedded_data_line"); result == RESULT_SUCCESS && line) {
             duplicate->setProperty(line->clone());
         }
         copy->add(std::move(duplicate));

@@ -33,6 +33,7 @@ public:
     // Replaces the property with the same key, or adds it.
     void setProperty(std::shared_ptr<LumoraProperty> property);
     void removeProperty(const std::string& key);
+    const std::vector<std::shared_ptr<LumoraProperty>>& properties() const { return mProperties; }
     // True when nobody but the owner of `self` holds the frame or its properties.
     bool unshared(const std::shared_ptr<SimFrame>& self) const;
 

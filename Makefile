@@ -1,0 +1,28 @@
+# make run   - set up, build and start the shell
+# make test  - set up, build and run the whole suite: the normal build, AddressSanitizer +
+#              UndefinedBehaviorSanitizer (with the fuzz targets), ThreadSanitizer
+# make bench - set up, build and run the benchmarks, then print the table of figures
+
+BUILD := build
+
+.PHONY: all setup build run test bench clean
+all: build
+
+setup:
+	@bash scripts/setup
+
+build: setup
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake --build $(BUILD)
+
+run: build
+	@$(BUILD)/shell/lumora-shell
+
+test: setup
+	@bash scripts/test
+
+bench: build
+	@$(BUILD)/bench/lumora-bench --benchmark_color=false
+
+clean:
+	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan

@@ -1,0 +1,126 @@
+// The simulated library's costs: rendering a frame list, copying one, and the pacing of
+// delivery.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include <halden/sensor/Lumora.h>
+#include <halden/sensor/sim/SimControl.h>
+
+#include "DeviceSpec.h"
+#include "Scene.h"
+
+namespace {
+
+using namespace halden::sensor;
+
+std::shared_ptr<sim::SimFrameList> vga_list(std::uint32_t mask) {
+    auto list = std::make_shared<sim::SimFrameList>();
+    for (const std::uint32_t type : {LumoraFrame::FRAME_DEPTH, LumoraFrame::FRAME_AMPLITUDE,
+                                     LumoraFrame::FRAME_POINTCLOUD, LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
+        if ((mask & type) == 0) continue;
+        const DataType dataType = type <= LumoraFrame::FRAME_AMPLITUDE ? DATA_TYPE_UINT16 : DATA_TYPE_FLOAT32;
+        list->add(std::make_shared<sim::SimFrame>(static_cast<LumoraFrame::FrameType>(type), dataType, 640, 480));
+    }
+    return list;
+}
+
+void render(benchmark::State& state, std::uint32_t mask) {
+    const sim::DeviceSpec device{"QRX100A", 640, 480, 30.0};
+    sim::Scene scene(device, sim::model_info(device.model));
+    sim::SceneSettings settings;
+    auto list = vga_list(mask);
+    std::uint32_t frame = 0;
+    for (auto _ : state) {
+        scene.render(frame, frame * 33333ULL, settings, *list);
+        ++frame;
+        benchmark::ClobberMemory();
+    }
+}
+
+void BM_RenderVgaAllTypes(benchmark::State& state) { render(state, 2 | 4 | 8 | 16); }
+BENCHMARK(BM_RenderVgaAllTypes)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+
+void BM_RenderVgaDepthAmplitude(benchmark::State& state) { render(state, 2 | 4); }
+BENCHMARK(BM_RenderVgaDepthAmplitude)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+
+// The baseline of the copy: the same bytes with memcpy into buffers that already exist.
+void BM_MemcpyVgaDepthAmplitude(benchmark::State& state) {
+    const std::size_t bytes = 640 * 480 * 2;
+    std::vector<std::uint8_t> depth(bytes, 1), amplitude(bytes, 2), outDepth(bytes), outAmplitude(bytes);
+    for (auto _ : state) {
+        std::memcpy(outDepth.data(), depth.data(), bytes);
+        std::memcpy(outAmplitude.data(), amplitude.data(), bytes);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_MemcpyVgaDepthAmplitude)->Unit(benchmark::kMicrosecond)->MinTime(1.0);
+
+void BM_CopyFrameListVgaDepthAmplitude(benchmark::State& state) {
+    std::shared_ptr<LumoraFrameList> list = vga_list(2 | 4);
+    for (auto _ : state) {
+        auto copy = copy_frame_list(list);
+        benchmark::DoNotOptimize(copy);
+    }
+}
+BENCHMARK(BM_CopyFrameListVgaDepthAmplitude)->Unit(benchmark::kMicrosecond)->MinTime(1.0);
+
+// Records when each list arrives.
+class ArrivalSink : public LumoraSink {
+public:
+    std::string name() const override { return "ArrivalSink"; }
+    void onLumoraCameraState(LumoraSource*, LumoraCamera::State) override {}
+    void onLumoraCameraError(LumoraSource*, Result) override {}
+    void onLumoraFrameList(LumoraSource*, const std::shared_ptr<LumoraFrameList>&) override {
+        const auto now = std::chrono::steady_clock::now();
+        std::lock_guard<std::mutex> lock(mMutex);
+        mArrivals.push_back(now);
+        mArrived.notify_all();
+    }
+    std::vector<std::chrono::steady_clock::time_point> wait(std::size_t count) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mArrived.wait_for(lock, std::chrono::seconds(30), [&] { return mArrivals.size() >= count; });
+        return mArrivals;
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mArrived;
+    std::vector<std::chrono::steady_clock::time_point> mArrivals;
+};
+
+// Intervals between lists of a 30 fps VGA camera delivering all four frame types, over
+// about ten seconds; reported as the median and the 99th percentile in milliseconds.
+void BM_DeliveryInterval30fps(benchmark::State& state) {
+    for (auto _ : state) {
+        auto sources = search_camera_source();
+        auto camera = sources ? create_camera(sources->find("sim:0")) : nullptr;
+        if (!camera) {
+            state.SkipWithError("no camera on sim:0");
+            return;
+        }
+        ArrivalSink sink;
+        camera->addSink(&sink);
+        camera->prepare();
+        camera->run(2 | 4 | 8 | 16);
+        const auto arrivals = sink.wait(301);
+        destroy_camera(camera);
+        std::vector<double> intervals;
+        for (std::size_t i = 1; i < arrivals.size(); ++i) {
+            intervals.push_back(std::chrono::duration<double, std::milli>(arrivals[i] - arrivals[i - 1]).count());
+        }
+        std::sort(intervals.begin(), intervals.end());
+        state.counters["p50_ms"] = intervals[intervals.size() / 2];
+        state.counters["p99_ms"] = intervals[intervals.size() * 99 / 100];
+        state.counters["min_ms"] = intervals.front();
+        state.counters["max_ms"] = intervals.back();
+    }
+}
+BENCHMARK(BM_DeliveryInterval30fps)->Unit(benchmark::kSecond)->Iterations(1);
+
+}  // namespace

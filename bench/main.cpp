@@ -1,0 +1,65 @@
+// Runs the benchmarks, then prints each figure the product promises beside its target.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <string>
+
+namespace {
+
+// Keeps every run's figures as well as printing them.
+class Recorder : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const auto& run : runs) {
+            if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+            Figures& figures = mFigures[run.benchmark_name()];
+            figures.seconds = run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
+            for (const auto& [name, counter] : run.counters) figures.counters[name] = counter.value;
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+    struct Figures {
+        double seconds = NAN;
+        std::map<std::string, double> counters;
+    };
+    Figures get(const std::string& name) const {
+        const auto it = mFigures.find(name);
+        return it == mFigures.end() ? Figures{} : it->second;
+    }
+
+private:
+    std::map<std::string, Figures> mFigures;
+};
+
+void row(const char* figure, double measured, const char* unit, double target, const char* targetText) {
+    std::printf("| %-46s | %10.3f %-3s | %-16s | %-4s |\n", figure, measured, unit, targetText,
+                std::isnan(measured) ? "?" : measured <= target ? "yes" : "NO");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    Recorder recorder;
+    benchmark::RunSpecifiedBenchmarks(&recorder);
+    benchmark::Shutdown();
+
+    const double all = recorder.get("BM_RenderVgaAllTypes/min_time:1.000").seconds * 1e3;
+    const double basic = recorder.get("BM_RenderVgaDepthAmplitude/min_time:1.000").seconds * 1e3;
+    const double memcpyTime = recorder.get("BM_MemcpyVgaDepthAmplitude/min_time:1.000").seconds;
+    const double copyTime = recorder.get("BM_CopyFrameListVgaDepthAmplitude/min_time:1.000").seconds;
+    const auto delivery = recorder.get("BM_DeliveryInterval30fps/iterations:1");
+    const auto p99 = delivery.counters.count("p99_ms") != 0 ? delivery.counters.at("p99_ms") : NAN;
+
+    std::printf("\n| %-46s | %14s | %-16s | %-4s |\n", "figure", "measured", "target", "met");
+    std::printf("|%s|%s|%s|%s|\n", std::string(48, '-').c_str(), std::string(16, '-').c_str(),
+                std::string(18, '-').c_str(), std::string(6, '-').c_str());
+    row("VGA list, all four frame types, render time", all, "ms", 4.0, "<= 4 ms");
+    row("VGA list, depth + amplitude, render time", basic, "ms", 1.5, "<= 1.5 ms");
+    row("30 fps delivery: |p99 interval - 33.33 ms|", std::fabs(p99 - 1000.0 / 30.0), "ms", 2.0, "<= 2 ms");
+    row("copy_frame_list VGA depth+amplitude / memcpy", copyTime / memcpyTime, "x", 2.0, "<= 2x");
+    return 0;
+}
