@@ -51,7 +51,7 @@ BENCHMARK(BM_RenderVgaDepthAmplitude)->Unit(benchmark::kMillisecond)->MinTime(1.
 
 // The baseline of the copy: the same bytes with memcpy into buffers that already exist.
 void BM_MemcpyVgaDepthAmplitude(benchmark::State& state) {
-    const std::size_t bytes = 640 * 480 * 2;
+    const std::size_t bytes = std::size_t{640} * 480 * 2;
     std::vector<std::uint8_t> depth(bytes, 1), amplitude(bytes, 2), outDepth(bytes), outAmplitude(bytes);
     for (auto _ : state) {
         std::memcpy(outDepth.data(), depth.data(), bytes);

@@ -16,7 +16,8 @@ public:
             if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
             Figures& figures = mFigures[run.benchmark_name()];
             figures.seconds = run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-            for (const auto& [name, counter] : run.counters) figures.counters[name] = counter.value;
+            for (const auto& [name, counter] : run.counters)
+                figures.counters[name] = counter.value;
         }
         ConsoleReporter::ReportRuns(runs);
     }
@@ -36,7 +37,9 @@ private:
 
 void row(const char* figure, double measured, const char* unit, double target, const char* targetText) {
     std::printf("| %-46s | %10.3f %-3s | %-16s | %-4s |\n", figure, measured, unit, targetText,
-                std::isnan(measured) ? "?" : measured <= target ? "yes" : "NO");
+                std::isnan(measured) ? "?"
+                : measured <= target ? "yes"
+                                     : "NO");
 }
 
 }  // namespace

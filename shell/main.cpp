@@ -35,7 +35,8 @@ int main() {
     });
 
     std::thread shellThread([&context] { lumora::shell::run_shell(context); });
-    while (!context.quit) sleep_one_second();
+    while (!context.quit)
+        sleep_one_second();
 
     if (shellThread.joinable()) shellThread.join();
     context.sources.reset();

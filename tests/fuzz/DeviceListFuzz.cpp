@@ -17,8 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             std::abort();
         }
         const auto again = parse_device_entry(format_device(device));
-        if (!again || again->model != device.model || again->width != device.width ||
-            again->height != device.height) {
+        if (!again || again->model != device.model || again->width != device.width || again->height != device.height) {
             std::abort();
         }
     }

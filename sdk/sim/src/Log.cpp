@@ -18,11 +18,11 @@ void Log::setLogLevel(LogLevel level) {
 
 Log::LogLevel Log::getLogLevel() { return static_cast<LogLevel>(instance().mLevel.load(std::memory_order_relaxed)); }
 
-#define LUMORA_LOG_AT(LEVEL)                                 \
+#define LUMORA_LOG_AT(LEVEL)                                                 \
     if (instance().mLevel.load(std::memory_order_relaxed) < (LEVEL)) return; \
-    va_list args;                                            \
-    va_start(args, format);                                  \
-    instance().print((LEVEL), tag, format, args);            \
+    va_list args;                                                            \
+    va_start(args, format);                                                  \
+    instance().print((LEVEL), tag, format, args);                            \
     va_end(args)
 
 void Log::e(const LogTag& tag, const char* format, ...) { LUMORA_LOG_AT(LOG_ERROR); }

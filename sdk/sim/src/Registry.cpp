@@ -63,7 +63,8 @@ Registry::Registry() { load(); }
 Registry::~Registry() { mHotplug.shutdown(); }
 
 void Registry::load() {
-    const char* value = std::getenv("LUMORA_SIM_DEVICES");
+    // Read when the library starts and on reset_devices(); the library never writes it.
+    const char* value = std::getenv("LUMORA_SIM_DEVICES");  // NOLINT(concurrency-mt-unsafe)
     const std::string text = value == nullptr ? kDefaultDevices : value;
     mSources.clear();
     mNextNumber = 0;
@@ -91,7 +92,8 @@ Result Registry::reset() {
 std::shared_ptr<LumoraSourceList> Registry::search() {
     std::lock_guard<std::mutex> lock(mMutex);
     if (!mSearchable) return nullptr;
-    return std::make_shared<SimSourceList>(std::vector<std::shared_ptr<LumoraSource>>(mSources.begin(), mSources.end()));
+    return std::make_shared<SimSourceList>(
+        std::vector<std::shared_ptr<LumoraSource>>(mSources.begin(), mSources.end()));
 }
 
 std::shared_ptr<LumoraCamera> Registry::create(const std::shared_ptr<LumoraSource>& source) {

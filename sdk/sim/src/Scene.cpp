@@ -12,10 +12,10 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 constexpr float kPitch = 8.0F * static_cast<float>(kPi) / 180.0F;  // the camera looks slightly down
-constexpr float kCameraHeight = 0.9F;                               // above the floor, metres
+constexpr float kCameraHeight = 0.9F;                              // above the floor, metres
 constexpr float kCeilingAbove = 1.6F;
 constexpr float kSideWall = 2.0F;
-constexpr float kAmbient = 4.0F;  // amplitude of ambient light, also with illumination off
+constexpr float kAmbient = 4.0F;      // amplitude of ambient light, also with illumination off
 constexpr float kDepthNoise = 70.0F;  // depth noise in mm at amplitude 1, falling with its root
 constexpr int kIntegrationTimeUs = 1000;
 
@@ -26,7 +26,8 @@ const std::array<float, kNoiseSize>& noise_table() {
         std::array<float, kNoiseSize> values{};
         std::mt19937 random(20261121U);
         std::normal_distribution<float> normal(0.0F, 1.0F);
-        for (auto& value : values) value = std::clamp(normal(random), -4.0F, 4.0F);
+        for (auto& value : values)
+            value = std::clamp(normal(random), -4.0F, 4.0F);
         return values;
     }();
     return table;
@@ -41,6 +42,17 @@ std::uint32_t mix(std::uint32_t x) {
     return x;
 }
 
+// Rounds a value that is not negative, in a way that vectorises (std::lround does not).
+inline float round_half_up(float value) {
+    return static_cast<float>(static_cast<int>(value + 0.5F));  // NOLINT(bugprone-incorrect-roundings)
+}
+
+// A reading that is not negative as 16-bit data, rounded and saturated.
+inline std::uint16_t to_u16(float value) {
+    return static_cast<std::uint16_t>(
+        static_cast<int>(std::min(value, 65535.0F) + 0.5F));  // NOLINT(bugprone-incorrect-roundings)
+}
+
 // A signed coordinate in millimetres, rounded, as the two's-complement bits of 16-bit data.
 std::uint16_t signed_millimetres(float value) {
     const float rounded = value + (value >= 0.0F ? 0.5F : -0.5F);
@@ -48,7 +60,8 @@ std::uint16_t signed_millimetres(float value) {
 }
 
 void put_le(std::uint8_t* out, std::uint64_t value, std::size_t bytes) {
-    for (std::size_t i = 0; i < bytes; ++i) out[i] = static_cast<std::uint8_t>(value >> (8 * i));
+    for (std::size_t i = 0; i < bytes; ++i)
+        out[i] = static_cast<std::uint8_t>(value >> (8 * i));
 }
 
 LensCalibration make_lens(int width, int height, double horizontalFov, int lens) {
@@ -128,11 +141,11 @@ void Scene::buildRoom() {
     };
     // Normals in camera space (x right, y down, z forward), pointing away from the camera.
     const std::array<Plane, 5> planes = {{
-        {0.0F, c, s, kCameraHeight},       // floor
-        {0.0F, -c, -s, kCeilingAbove},     // ceiling
-        {0.0F, -s, c, mBackWall},           // back wall
-        {1.0F, 0.0F, 0.0F, kSideWall},     // right wall
-        {-1.0F, 0.0F, 0.0F, kSideWall},    // left wall
+        {0.0F, c, s, kCameraHeight},     // floor
+        {0.0F, -c, -s, kCeilingAbove},   // ceiling
+        {0.0F, -s, c, mBackWall},        // back wall
+        {1.0F, 0.0F, 0.0F, kSideWall},   // right wall
+        {-1.0F, 0.0F, 0.0F, kSideWall},  // left wall
     }};
     for (std::size_t i = 0; i < mRayX.size(); ++i) {
         const float rx = mRayX[i];
@@ -158,7 +171,8 @@ void Scene::buildRoom() {
         const float up = kCameraHeight - (c * py + s * bestZ);
         float reflectivity = 0.6F;
         if (bestPlane == 0) {
-            const bool dark = ((static_cast<int>(std::floor(px / 0.5F)) + static_cast<int>(std::floor(forward / 0.5F))) & 1) != 0;
+            const bool dark =
+                ((static_cast<int>(std::floor(px / 0.5F)) + static_cast<int>(std::floor(forward / 0.5F))) & 1) != 0;
             reflectivity = dark ? 0.35F : 0.55F;
         } else if (bestPlane == 1) {
             reflectivity = 0.7F;
@@ -178,7 +192,8 @@ Scene::Ball Scene::ballAt(double seconds) const {
     const float radius = 0.3F;
     const auto x = static_cast<float>(1.0 * std::sin(2.0 * kPi * seconds / 6.0));
     const auto forward = static_cast<float>(2.4 + 0.5 * std::sin(2.0 * kPi * seconds / 4.3));
-    const auto down = static_cast<float>(kCameraHeight - radius - 0.25 * std::fabs(std::sin(2.0 * kPi * seconds / 1.7)));
+    const auto down =
+        static_cast<float>(kCameraHeight - radius - 0.25 * std::fabs(std::sin(2.0 * kPi * seconds / 1.7)));
     return {x, down * c - forward * s, down * s + forward * c, radius};
 }
 
@@ -207,7 +222,7 @@ struct PixelRule {
 template <bool Integral>
 inline void report(float depth, float amplitude, const PixelRule& rule, float& outDepth, float& outAmplitude) {
     amplitude = std::max(amplitude, 0.0F);
-    if (Integral) depth = static_cast<float>(static_cast<int>(depth + 0.5F));
+    if (Integral) depth = round_half_up(depth);
     // Bitwise, not short-circuit: no branch, so the loops around this vectorise.
     const bool valid = (amplitude >= rule.threshold) & (depth >= rule.rangeMin) & (depth <= rule.rangeMax);
     outDepth = valid ? depth : 0.0F;
@@ -218,21 +233,19 @@ inline void report(float depth, float amplitude, const PixelRule& rule, float& o
 template <bool Integral>
 void report_room(std::size_t pixels, std::uint32_t depthOffset, std::uint32_t amplitudeOffset, const PixelRule& rule,
                  const float* __restrict roomDepth, const float* __restrict amplitudes,
-                 const float* __restrict depthSigma, const float* __restrict amplitudeSigma,
-                 float* __restrict outDepth, float* __restrict outAmplitude) {
+                 const float* __restrict depthSigma, const float* __restrict amplitudeSigma, float* __restrict outDepth,
+                 float* __restrict outAmplitude) {
     const float* noise = noise_table().data();
     for (std::size_t begin = 0; begin < pixels;) {
         const std::size_t depthStart = (begin + depthOffset) & (kNoiseSize - 1);
         const std::size_t amplitudeStart = (begin + amplitudeOffset) & (kNoiseSize - 1);
-        const std::size_t run =
-            std::min({pixels - begin, kNoiseSize - depthStart, kNoiseSize - amplitudeStart});
+        const std::size_t run = std::min({pixels - begin, kNoiseSize - depthStart, kNoiseSize - amplitudeStart});
         const float* __restrict depthNoise = noise + depthStart;
         const float* __restrict amplitudeNoise = noise + amplitudeStart;
         for (std::size_t k = 0; k < run; ++k) {
             const std::size_t i = begin + k;
             report<Integral>(roomDepth[i] + depthNoise[k] * depthSigma[i],
-                             amplitudes[i] + amplitudeNoise[k] * amplitudeSigma[i], rule, outDepth[i],
-                             outAmplitude[i]);
+                             amplitudes[i] + amplitudeNoise[k] * amplitudeSigma[i], rule, outDepth[i], outAmplitude[i]);
         }
         begin += run;
     }
@@ -332,54 +345,55 @@ void Scene::render(std::uint32_t frameNumber, std::uint64_t timestamp, const Sce
         void* out = frame->mutableData();
         const bool wide = frame->dataType() == DATA_TYPE_FLOAT32;
         switch (frame->frameType()) {
-        case LumoraFrame::FRAME_DEPTH:
-        case LumoraFrame::FRAME_AMPLITUDE: {
-            const float* source = frame->frameType() == LumoraFrame::FRAME_DEPTH ? mDepth.data() : mAmplitude.data();
-            if (wide) {
-                std::memcpy(out, source, n * sizeof(float));
-            } else {
-                auto* values = static_cast<std::uint16_t*>(out);
-                for (std::size_t i = 0; i < n; ++i) {
-                    values[i] = static_cast<std::uint16_t>(static_cast<int>(std::min(source[i] + 0.5F, 65535.0F)));
-                }
-            }
-            break;
-        }
-        case LumoraFrame::FRAME_POINTCLOUD:
-        case LumoraFrame::FRAME_INTENSITY_POINTCLOUD: {
-            const bool intensity = frame->frameType() == LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
-            if (wide) {
-                auto* x = static_cast<float*>(out);
-                float* y = x + n;
-                float* z = y + n;
-                for (std::size_t i = 0; i < n; ++i) {
-                    const float metres = mDepth[i] * 0.001F;
-                    x[i] = mRayX[i] * metres;
-                    y[i] = mRayY[i] * metres;
-                    z[i] = metres;
-                }
-                if (intensity) std::memcpy(z + n, mAmplitude.data(), n * sizeof(float));
-            } else {
-                auto* x = static_cast<std::uint16_t*>(out);
-                std::uint16_t* y = x + n;
-                std::uint16_t* z = y + n;
-                for (std::size_t i = 0; i < n; ++i) {
-                    const float millimetres = static_cast<float>(static_cast<int>(mDepth[i] + 0.5F));
-                    x[i] = signed_millimetres(mRayX[i] * millimetres);
-                    y[i] = signed_millimetres(mRayY[i] * millimetres);
-                    z[i] = static_cast<std::uint16_t>(static_cast<int>(std::min(millimetres, 65535.0F)));
-                }
-                if (intensity) {
-                    std::uint16_t* a = z + n;
+            case LumoraFrame::FRAME_DEPTH:
+            case LumoraFrame::FRAME_AMPLITUDE: {
+                const float* source =
+                    frame->frameType() == LumoraFrame::FRAME_DEPTH ? mDepth.data() : mAmplitude.data();
+                if (wide) {
+                    std::memcpy(out, source, n * sizeof(float));
+                } else {
+                    auto* values = static_cast<std::uint16_t*>(out);
                     for (std::size_t i = 0; i < n; ++i) {
-                        a[i] = static_cast<std::uint16_t>(static_cast<int>(std::min(mAmplitude[i] + 0.5F, 65535.0F)));
+                        values[i] = to_u16(source[i]);
                     }
                 }
+                break;
             }
-            break;
-        }
-        default:
-            break;
+            case LumoraFrame::FRAME_POINTCLOUD:
+            case LumoraFrame::FRAME_INTENSITY_POINTCLOUD: {
+                const bool intensity = frame->frameType() == LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
+                if (wide) {
+                    auto* x = static_cast<float*>(out);
+                    float* y = x + n;
+                    float* z = y + n;
+                    for (std::size_t i = 0; i < n; ++i) {
+                        const float metres = mDepth[i] * 0.001F;
+                        x[i] = mRayX[i] * metres;
+                        y[i] = mRayY[i] * metres;
+                        z[i] = metres;
+                    }
+                    if (intensity) std::memcpy(z + n, mAmplitude.data(), n * sizeof(float));
+                } else {
+                    auto* x = static_cast<std::uint16_t*>(out);
+                    std::uint16_t* y = x + n;
+                    std::uint16_t* z = y + n;
+                    for (std::size_t i = 0; i < n; ++i) {
+                        const float millimetres = round_half_up(mDepth[i]);
+                        x[i] = signed_millimetres(mRayX[i] * millimetres);
+                        y[i] = signed_millimetres(mRayY[i] * millimetres);
+                        z[i] = to_u16(millimetres);
+                    }
+                    if (intensity) {
+                        std::uint16_t* a = z + n;
+                        for (std::size_t i = 0; i < n; ++i) {
+                            a[i] = to_u16(mAmplitude[i]);
+                        }
+                    }
+                }
+                break;
+            }
+            default:
+                break;
         }
         writeEmbeddedLine(*frame, frameNumber, timestamp, settings);
     }

@@ -24,7 +24,7 @@ struct SceneSettings {
     int rangeMax = 5000;  // millimetres
     bool illumination = true;
     bool embeddedDataLine = false;
-    DataType basicDataType = DATA_TYPE_UINT16;       // depth and amplitude frames
+    DataType basicDataType = DATA_TYPE_UINT16;        // depth and amplitude frames
     DataType pointCloudDataType = DATA_TYPE_FLOAT32;  // both point-cloud frames
 };
 
@@ -38,11 +38,11 @@ struct LensCalibration {
 // Byte offsets of the fields of a frame's embedded data line (little-endian); the rest of
 // the line, up to the frame width, is zero.
 struct EmbeddedLineLayout {
-    static constexpr std::size_t kMagic = 0;            // "LM"
-    static constexpr std::size_t kFrameCounter = 2;     // u32
-    static constexpr std::size_t kTimestamp = 6;        // u64, microseconds
-    static constexpr std::size_t kTemperature = 14;     // i16, hundredths of a degree Celsius
-    static constexpr std::size_t kIntegrationTime = 16; // u16, microseconds
+    static constexpr std::size_t kMagic = 0;             // "LM"
+    static constexpr std::size_t kFrameCounter = 2;      // u32
+    static constexpr std::size_t kTimestamp = 6;         // u64, microseconds
+    static constexpr std::size_t kTemperature = 14;      // i16, hundredths of a degree Celsius
+    static constexpr std::size_t kIntegrationTime = 16;  // u16, microseconds
     static constexpr std::size_t kUsed = 18;
 };
 
@@ -58,8 +58,7 @@ public:
 
     // Fills every frame of the list (allocated to this scene's size) with frame
     // `frameNumber` and stamps the list. Not reentrant: one thread renders at a time.
-    void render(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings,
-                SimFrameList& list);
+    void render(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings, SimFrameList& list);
 
 private:
     struct Ball {
@@ -78,7 +77,7 @@ private:
     double mGain;
     float mBackWall;  // metres
     std::vector<LensCalibration> mLenses;
-    std::vector<float> mRayX, mRayY;        // per pixel: the ray (x, y, 1) in camera space
+    std::vector<float> mRayX, mRayY;            // per pixel: the ray (x, y, 1) in camera space
     std::vector<float> mRoomDepth, mRoomLight;  // per pixel: the empty room's depth (mm) and reflected light
     // The empty room as the sensor sees it with the current illumination: true amplitude
     // and the deviations of depth and amplitude noise.

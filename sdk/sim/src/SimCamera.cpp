@@ -26,7 +26,8 @@ constexpr int kFirmwareVersion = 0x0312;
 
 std::string serial_for(int number, const std::string& model) {
     std::uint32_t hash = 2166136261U;  // FNV-1a: stable across runs and machines
-    for (const char c : model) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+    for (const char c : model)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
     char text[32];
     std::snprintf(text, sizeof text, "LM%06X%04d", hash & 0xFFFFFFU, number % 10000);
     return text;
@@ -99,8 +100,8 @@ std::shared_ptr<LumoraProperties> firmware_info(const DeviceSpec& device) {
     info->add(SimProperty::makeInt32("fw_version", kFirmwareVersion, true));
     info->add(SimProperty::makeString("fw_build_date", "2026-09-14", true));
     info->add(SimProperty::makeString("hw_revision", "B2", true));
-    info->add(SimProperty::makeString("sensor", "LMS" + std::to_string(device.width) + "x" +
-                                                    std::to_string(device.height), true));
+    info->add(SimProperty::makeString(
+        "sensor", "LMS" + std::to_string(device.width) + "x" + std::to_string(device.height), true));
     return info;
 }
 
@@ -168,14 +169,16 @@ std::uint32_t SimCamera::wantedFrame() const {
 void SimCamera::postState(State state, bool prepared) {
     mEvents.post([this, state, prepared] {
         if (prepared) {
-            for (auto* listener : Registry::instance().preparedListeners()) listener->onLumoraCameraPrepared(this);
+            for (auto* listener : Registry::instance().preparedListeners())
+                listener->onLumoraCameraPrepared(this);
         }
         std::vector<LumoraSink*> sinks;
         {
             std::lock_guard<std::mutex> lock(mMutex);
             sinks = mSinks;
         }
-        for (auto* sink : sinks) sink->onLumoraCameraState(mSource.get(), state);
+        for (auto* sink : sinks)
+            sink->onLumoraCameraState(mSource.get(), state);
     });
 }
 
@@ -291,7 +294,8 @@ void SimCamera::unplug() {
                     std::lock_guard<std::mutex> inner(mMutex);
                     sinks = mSinks;
                 }
-                for (auto* sink : sinks) sink->onLumoraCameraError(mSource.get(), RESULT_NO_SUCH_DEVICE);
+                for (auto* sink : sinks)
+                    sink->onLumoraCameraError(mSource.get(), RESULT_NO_SUCH_DEVICE);
             });
         }
     }
@@ -322,7 +326,8 @@ Result SimCamera::injectError(Result error) {
             std::lock_guard<std::mutex> inner(mMutex);
             sinks = mSinks;
         }
-        for (auto* sink : sinks) sink->onLumoraCameraError(mSource.get(), error);
+        for (auto* sink : sinks)
+            sink->onLumoraCameraError(mSource.get(), error);
     });
     return RESULT_SUCCESS;
 }
@@ -405,13 +410,14 @@ std::tuple<Result, std::shared_ptr<LumoraProperties>> SimCamera::getProperties(c
     }
     if (name == "fw_info") return {RESULT_SUCCESS, firmware_info(mSource->device())};
     if (name != "settings" && name != "device_info") return {RESULT_NOT_SUPPORTED, nullptr};
-    static const char* const settingKeys[] = {"amplitude_threshold", "framerate",          "depth_range_min",
-                                              "depth_range_max",     "illumination",       "embedded_data_line",
+    static const char* const settingKeys[] = {"amplitude_threshold", "framerate",           "depth_range_min",
+                                              "depth_range_max",     "illumination",        "embedded_data_line",
                                               "depth_data_type",     "pointcloud_data_type"};
     static const char* const deviceKeys[] = {"model", "serial_number", "width", "height", "temperature"};
     auto collection = std::make_shared<SimProperties>(name);
     auto addAll = [&](const auto& keys) {
-        for (const char* key : keys) collection->add(std::get<1>(getProperty(key)));
+        for (const char* key : keys)
+            collection->add(std::get<1>(getProperty(key)));
     };
     if (name == "settings") {
         addAll(settingKeys);
@@ -454,7 +460,7 @@ std::shared_ptr<SimFrameList> SimCamera::acquireList(std::uint32_t mask, const S
         std::uint32_t types = 0;
         for (const auto& frame : list.frames()) {
             const DataType wanted = frame->frameType() <= LumoraFrame::FRAME_AMPLITUDE ? settings.basicDataType
-                                                                                        : settings.pointCloudDataType;
+                                                                                       : settings.pointCloudDataType;
             if (frame->dataType() != wanted) return false;
             types |= frame->frameType();
         }
@@ -468,8 +474,8 @@ std::shared_ptr<SimFrameList> SimCamera::acquireList(std::uint32_t mask, const S
     for (const std::uint32_t type : {LumoraFrame::FRAME_DEPTH, LumoraFrame::FRAME_AMPLITUDE,
                                      LumoraFrame::FRAME_POINTCLOUD, LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
         if ((mask & type) == 0) continue;
-        const DataType dataType = type <= LumoraFrame::FRAME_AMPLITUDE ? settings.basicDataType
-                                                                       : settings.pointCloudDataType;
+        const DataType dataType =
+            type <= LumoraFrame::FRAME_AMPLITUDE ? settings.basicDataType : settings.pointCloudDataType;
         list->add(std::make_shared<SimFrame>(static_cast<LumoraFrame::FrameType>(type), dataType, mScene.width(),
                                              mScene.height()));
     }
@@ -497,7 +503,8 @@ void SimCamera::deliver() {
             ahead.reset();
         }
         const auto period = std::chrono::duration<double>(1.0 / fps);
-        const auto deadline = base + std::chrono::duration_cast<Clock::duration>(period * static_cast<double>(tick + 1));
+        const auto deadline =
+            base + std::chrono::duration_cast<Clock::duration>(period * static_cast<double>(tick + 1));
         const std::uint32_t frameNumber = firstFrame + static_cast<std::uint32_t>(tick);
         if (!ahead) {
             const SceneSettings settings = mSettings;
@@ -520,7 +527,8 @@ void SimCamera::deliver() {
         }
         lock.unlock();
 
-        for (auto* sink : mDeliverySinks) sink->onLumoraFrameList(mSource.get(), list);
+        for (auto* sink : mDeliverySinks)
+            sink->onLumoraFrameList(mSource.get(), list);
         list.reset();
 
         // A sensor that was not read out in time has dropped the frames in between.

@@ -106,8 +106,8 @@ private:
     std::thread mDelivery;
     std::atomic<std::thread::id> mDeliveryId{};
     std::vector<std::shared_ptr<SimFrameList>> mPool;  // delivery thread only
-    std::vector<LumoraSink*> mDeliverySinks;             // delivery thread only
-    SerialExecutor mEvents;  // state and error callbacks, in order
+    std::vector<LumoraSink*> mDeliverySinks;           // delivery thread only
+    SerialExecutor mEvents;                            // state and error callbacks, in order
 };
 
 }  // namespace halden::sensor::sim

@@ -31,9 +31,12 @@ SimFrame::SimFrame(FrameType type, DataType dataType, int width, int height)
 
 std::size_t SimFrame::planesOf(FrameType type) {
     switch (type) {
-    case FRAME_POINTCLOUD: return 3;
-    case FRAME_INTENSITY_POINTCLOUD: return 4;
-    default: return 1;
+        case FRAME_POINTCLOUD:
+            return 3;
+        case FRAME_INTENSITY_POINTCLOUD:
+            return 4;
+        default:
+            return 1;
     }
 }
 
@@ -83,7 +86,8 @@ std::shared_ptr<LumoraFrame> SimFrameList::at(std::size_t index) const {
 void SimFrameList::stamp(std::uint32_t frameNumber, std::uint64_t timestamp) {
     mFrameNumber = frameNumber;
     mTimestamp = timestamp;
-    for (auto& frame : mFrames) frame->stamp(frameNumber, timestamp);
+    for (auto& frame : mFrames)
+        frame->stamp(frameNumber, timestamp);
 }
 
 bool SimFrameList::unshared(const std::shared_ptr<SimFrameList>& self) const {
@@ -113,13 +117,14 @@ std::shared_ptr<LumoraFrameList> copy_frame_list(const std::shared_ptr<LumoraFra
     for (std::size_t i = 0, n = list->size(); i < n; ++i) {
         const auto frame = list->at(i);
         if (!frame) continue;
-        auto duplicate = std::make_shared<sim::SimFrame>(frame->frameType(), frame->dataType(), frame->width(),
-                                                         frame->height());
+        auto duplicate =
+            std::make_shared<sim::SimFrame>(frame->frameType(), frame->dataType(), frame->width(), frame->height());
         std::memcpy(duplicate->mutableData(), frame->data(), duplicate->byteSize());
         duplicate->stamp(frame->frameNumber(), frame->timestamp());
         // A frame of another library can only be asked for the keys we know of.
         if (const auto simFrame = std::dynamic_pointer_cast<const sim::SimFrame>(frame)) {
-            for (const auto& property : simFrame->properties()) duplicate->setProperty(property->clone());
+            for (const auto& property : simFrame->properties())
+                duplicate->setProperty(property->clone());
         } else if (auto [result, line] = frame->getProperty("embedded_data_line"); result == RESULT_SUCCESS && line) {
             duplicate->setProperty(line->clone());
         }
@@ -146,8 +151,7 @@ LumoraPointCloud32f frame_cast_pcl32f(const std::shared_ptr<LumoraFrame>& frame)
 }
 
 LumoraIntensityPointCloud16u frame_cast_ipcl16u(const std::shared_ptr<LumoraFrame>& frame) {
-    return sim::view_of<LumoraIntensityPointCloud16u>(frame, LumoraFrame::FRAME_INTENSITY_POINTCLOUD,
-                                                      DATA_TYPE_UINT16);
+    return sim::view_of<LumoraIntensityPointCloud16u>(frame, LumoraFrame::FRAME_INTENSITY_POINTCLOUD, DATA_TYPE_UINT16);
 }
 
 LumoraIntensityPointCloud32f frame_cast_ipcl32f(const std::shared_ptr<LumoraFrame>& frame) {

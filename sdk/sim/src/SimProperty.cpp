@@ -57,8 +57,7 @@ std::shared_ptr<SimProperty> SimProperty::makeFloat64(const std::string& key, do
     return p;
 }
 
-std::shared_ptr<SimProperty> SimProperty::makeString(const std::string& key, const std::string& value,
-                                                     bool readOnly) {
+std::shared_ptr<SimProperty> SimProperty::makeString(const std::string& key, const std::string& value, bool readOnly) {
     auto p = std::make_shared<SimProperty>(key, DATA_TYPE_STRING, readOnly);
     p->mText = value;
     return p;
@@ -72,33 +71,52 @@ std::shared_ptr<SimProperty> SimProperty::makeBytes(const std::string& key, std:
 
 std::size_t SimProperty::size() const {
     switch (mType) {
-    case DATA_TYPE_BOOL: return sizeof(bool);
-    case DATA_TYPE_INT32: return sizeof(std::int32_t);
-    case DATA_TYPE_FLOAT32: return sizeof(float);
-    case DATA_TYPE_FLOAT64: return sizeof(double);
-    case DATA_TYPE_STRING: return mText.size();
-    case DATA_TYPE_BYTES: return mBytes.size();
-    default: return 0;
+        case DATA_TYPE_BOOL:
+            return sizeof(bool);
+        case DATA_TYPE_INT32:
+            return sizeof(std::int32_t);
+        case DATA_TYPE_FLOAT32:
+            return sizeof(float);
+        case DATA_TYPE_FLOAT64:
+            return sizeof(double);
+        case DATA_TYPE_STRING:
+            return mText.size();
+        case DATA_TYPE_BYTES:
+            return mBytes.size();
+        default:
+            return 0;
     }
 }
 
 const void* SimProperty::data() const {
     switch (mType) {
-    case DATA_TYPE_STRING: return mText.data();
-    case DATA_TYPE_BYTES: return mBytes.data();
-    default: return &mValue;
+        case DATA_TYPE_STRING:
+            return mText.data();
+        case DATA_TYPE_BYTES:
+            return mBytes.data();
+        default:
+            return &mValue;
     }
 }
 
 std::string SimProperty::toString() const {
     char text[64];
     switch (mType) {
-    case DATA_TYPE_BOOL: return mValue.b ? "1" : "0";
-    case DATA_TYPE_INT32: std::snprintf(text, sizeof text, "%" PRId32, mValue.i32); return text;
-    case DATA_TYPE_FLOAT32: std::snprintf(text, sizeof text, "%f", static_cast<double>(mValue.f32)); return text;
-    case DATA_TYPE_FLOAT64: std::snprintf(text, sizeof text, "%f", mValue.f64); return text;
-    case DATA_TYPE_STRING: return mText;
-    default: return {};
+        case DATA_TYPE_BOOL:
+            return mValue.b ? "1" : "0";
+        case DATA_TYPE_INT32:
+            std::snprintf(text, sizeof text, "%" PRId32, mValue.i32);
+            return text;
+        case DATA_TYPE_FLOAT32:
+            std::snprintf(text, sizeof text, "%f", static_cast<double>(mValue.f32));
+            return text;
+        case DATA_TYPE_FLOAT64:
+            std::snprintf(text, sizeof text, "%f", mValue.f64);
+            return text;
+        case DATA_TYPE_STRING:
+            return mText;
+        default:
+            return {};
     }
 }
 
@@ -113,9 +131,7 @@ std::int32_t SimProperty::getInt32(std::int32_t defaultValue) const {
     return mType == DATA_TYPE_INT32 ? mValue.i32 : defaultValue;
 }
 std::uint32_t SimProperty::getUInt32(std::uint32_t defaultValue) const { return defaultValue; }
-float SimProperty::getFloat(float defaultValue) const {
-    return mType == DATA_TYPE_FLOAT32 ? mValue.f32 : defaultValue;
-}
+float SimProperty::getFloat(float defaultValue) const { return mType == DATA_TYPE_FLOAT32 ? mValue.f32 : defaultValue; }
 std::int64_t SimProperty::getInt64(std::int64_t defaultValue) const { return defaultValue; }
 std::uint64_t SimProperty::getUInt64(std::uint64_t defaultValue) const { return defaultValue; }
 double SimProperty::getDouble(double defaultValue) const {
@@ -148,18 +164,41 @@ bool numeric_value(const LumoraProperty* property, double& out) {
     if (property == nullptr) return false;
     const void* raw = property->data();
     switch (property->dataType()) {
-    case DATA_TYPE_BOOL: out = *static_cast<const bool*>(raw) ? 1.0 : 0.0; return true;
-    case DATA_TYPE_INT8: out = *static_cast<const std::int8_t*>(raw); return true;
-    case DATA_TYPE_UINT8: out = *static_cast<const std::uint8_t*>(raw); return true;
-    case DATA_TYPE_INT16: out = *static_cast<const std::int16_t*>(raw); return true;
-    case DATA_TYPE_UINT16: out = *static_cast<const std::uint16_t*>(raw); return true;
-    case DATA_TYPE_INT32: out = *static_cast<const std::int32_t*>(raw); return true;
-    case DATA_TYPE_UINT32: out = *static_cast<const std::uint32_t*>(raw); return true;
-    case DATA_TYPE_FLOAT32: out = *static_cast<const float*>(raw); return true;
-    case DATA_TYPE_INT64: out = static_cast<double>(*static_cast<const std::int64_t*>(raw)); return true;
-    case DATA_TYPE_UINT64: out = static_cast<double>(*static_cast<const std::uint64_t*>(raw)); return true;
-    case DATA_TYPE_FLOAT64: out = *static_cast<const double*>(raw); return true;
-    default: return false;
+        case DATA_TYPE_BOOL:
+            out = *static_cast<const bool*>(raw) ? 1.0 : 0.0;
+            return true;
+        case DATA_TYPE_INT8:
+            out = *static_cast<const std::int8_t*>(raw);
+            return true;
+        case DATA_TYPE_UINT8:
+            out = *static_cast<const std::uint8_t*>(raw);
+            return true;
+        case DATA_TYPE_INT16:
+            out = *static_cast<const std::int16_t*>(raw);
+            return true;
+        case DATA_TYPE_UINT16:
+            out = *static_cast<const std::uint16_t*>(raw);
+            return true;
+        case DATA_TYPE_INT32:
+            out = *static_cast<const std::int32_t*>(raw);
+            return true;
+        case DATA_TYPE_UINT32:
+            out = *static_cast<const std::uint32_t*>(raw);
+            return true;
+        case DATA_TYPE_FLOAT32:
+            out = *static_cast<const float*>(raw);
+            return true;
+        case DATA_TYPE_INT64:
+            out = static_cast<double>(*static_cast<const std::int64_t*>(raw));
+            return true;
+        case DATA_TYPE_UINT64:
+            out = static_cast<double>(*static_cast<const std::uint64_t*>(raw));
+            return true;
+        case DATA_TYPE_FLOAT64:
+            out = *static_cast<const double*>(raw);
+            return true;
+        default:
+            return false;
     }
 }
 

@@ -21,7 +21,8 @@ struct LogTag {
 };
 
 // Tags an entry with the given file name and the current line.
-#define LUMORA_LOG_TAG(file) ::halden::sensor::LogTag{(file), __LINE__}
+#define LUMORA_LOG_TAG(file) \
+    ::halden::sensor::LogTag { (file), __LINE__ }
 
 class Log : public Singleton<Log> {
 public:

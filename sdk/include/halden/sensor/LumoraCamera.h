@@ -80,7 +80,8 @@ Result remove_prepared_listener(LumoraCamera::PreparedListener* listener);
 std::shared_ptr<LumoraCamera> create_camera(const std::shared_ptr<LumoraSource>& source);
 
 // Stops and releases the camera when needed, delivers its last state callbacks and closes
-// it; no sink hears of it after this returns.
+// it; no sink hears of it after this returns. RESULT_INVALID_OPERATION when the camera is
+// already closed, or when called from one of the camera's own callbacks.
 Result destroy_camera(const std::shared_ptr<LumoraCamera>& camera);
 
 }  // namespace halden::sensor

@@ -70,8 +70,7 @@ template <typename T, int Planes>
 class LumoraFrameView {
 public:
     LumoraFrameView() = default;
-    LumoraFrameView(std::shared_ptr<LumoraFrame> frame, const T* data)
-        : mFrame(std::move(frame)), mData(data) {}
+    LumoraFrameView(std::shared_ptr<LumoraFrame> frame, const T* data) : mFrame(std::move(frame)), mData(data) {}
 
     explicit operator bool() const { return mData != nullptr; }
     const std::shared_ptr<LumoraFrame>& frame() const { return mFrame; }
@@ -116,8 +115,7 @@ using LumoraIntensityPointCloud16u = LumoraFrameView<std::uint16_t, 4>;
 using LumoraIntensityPointCloud32f = LumoraFrameView<float, 4>;
 
 // The list's frame of that type, or null.
-std::shared_ptr<LumoraFrame> find_frame(const std::shared_ptr<LumoraFrameList>& list,
-                                        LumoraFrame::FrameType type);
+std::shared_ptr<LumoraFrame> find_frame(const std::shared_ptr<LumoraFrameList>& list, LumoraFrame::FrameType type);
 
 // A deep copy: frames, planes and frame properties are the caller's own. Null for null.
 std::shared_ptr<LumoraFrameList> copy_frame_list(const std::shared_ptr<LumoraFrameList>& list);

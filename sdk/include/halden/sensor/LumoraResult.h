@@ -34,12 +34,29 @@ enum Result : std::uint32_t {
 // codes 5, 9, 13 and anything above 22.
 constexpr const char* result_text(std::uint32_t code) {
     constexpr const char* texts[] = {
-        "success",           "fail",          "empty",           "overflow",
-        "not found",         nullptr,         "not ready",       "not supported",
-        "not implemented",   nullptr,         "no such device",  "invalid parameter",
-        "invalid operation", nullptr,         "out of memory",   "out of resource",
-        "out of range",      "already exists", "already opened", "already running",
-        "already initialized", "using resources", "timeout",
+        "success",
+        "fail",
+        "empty",
+        "overflow",
+        "not found",
+        nullptr,
+        "not ready",
+        "not supported",
+        "not implemented",
+        nullptr,
+        "no such device",
+        "invalid parameter",
+        "invalid operation",
+        nullptr,
+        "out of memory",
+        "out of resource",
+        "out of range",
+        "already exists",
+        "already opened",
+        "already running",
+        "already initialized",
+        "using resources",
+        "timeout",
     };
     return code < sizeof(texts) / sizeof(texts[0]) ? texts[code] : nullptr;
 }
