@@ -17,7 +17,7 @@ struct ModelInfo {
     int lensCount = 1;
     int rangeMin = 200;            // millimetres
     int rangeMax = 5000;           // millimetres
-    double amplitudeGain = 400.0;  // amplitude of a white target facing the camera at 1 m
+    double amplitudeGain = 1000.0;  // amplitude of a white target facing the camera at 1 m
 };
 
 // The characteristics of a known model, or generic ones for any other name.
