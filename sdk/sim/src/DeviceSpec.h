@@ -15,8 +15,8 @@ struct ModelInfo {
     double fps = 30.0;
     double horizontalFov = 70.0;  // degrees
     int lensCount = 1;
-    int rangeMin = 200;            // millimetres
-    int rangeMax = 5000;           // millimetres
+    int rangeMin = 200;             // millimetres
+    int rangeMax = 5000;            // millimetres
     double amplitudeGain = 1000.0;  // amplitude of a white target facing the camera at 1 m
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 
 #include <halden/sensor/Log.h>
@@ -220,24 +221,19 @@ Result Registry::setProperty(const std::shared_ptr<LumoraProperty>& property) {
     if (!property) return RESULT_INVALID_PARAMETER;
     const std::string key = property->key();
     if (key == "log_level") {
-        double level = 0.0;
-        if (property->dataType() == DATA_TYPE_STRING || !numeric_value(property.get(), level)) {
-            return RESULT_INVALID_PARAMETER;
-        }
-        if (level < Log::LOG_NONE || level > Log::LOG_DEBUG) return RESULT_OUT_OF_RANGE;
-        Log::setLogLevel(static_cast<Log::LogLevel>(static_cast<int>(level)));
-        return RESULT_SUCCESS;
+        int level = 0;
+        const Result result = integer_value(*property, Log::LOG_NONE, Log::LOG_DEBUG, level);
+        if (result == RESULT_SUCCESS) Log::setLogLevel(static_cast<Log::LogLevel>(level));
+        return result;
     }
     if (key == "sim_attach") {
         if (property->dataType() != DATA_TYPE_STRING) return RESULT_INVALID_PARAMETER;
         return attach(property->getString(""));
     }
     if (key == "sim_detach") {
-        double number = 0.0;
-        if (property->dataType() == DATA_TYPE_STRING || !numeric_value(property.get(), number)) {
-            return RESULT_INVALID_PARAMETER;
-        }
-        return detach(static_cast<int>(number));
+        int number = 0;
+        const Result result = integer_value(*property, 0, INT32_MAX, number);
+        return result == RESULT_SUCCESS ? detach(number) : result;
     }
     if (key == "sim_devices") return RESULT_INVALID_OPERATION;
     const auto camera = selected();

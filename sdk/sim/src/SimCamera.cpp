@@ -33,15 +33,6 @@ std::string serial_for(int number, const std::string& model) {
     return text;
 }
 
-Result read_int(const LumoraProperty& property, double low, double high, int& out) {
-    double value = 0.0;
-    if (property.dataType() == DATA_TYPE_BOOL || !numeric_value(&property, value)) return RESULT_INVALID_PARAMETER;
-    if (value != std::floor(value)) return RESULT_INVALID_PARAMETER;
-    if (value < low || value > high) return RESULT_OUT_OF_RANGE;
-    out = static_cast<int>(value);
-    return RESULT_SUCCESS;
-}
-
 Result read_flag(const LumoraProperty& property, bool& out) {
     if (property.dataType() == DATA_TYPE_STRING) {
         const std::string text = property.getString("");
@@ -63,7 +54,7 @@ Result read_flag(const LumoraProperty& property, bool& out) {
 
 Result read_data_type(const LumoraProperty& property, DataType& out) {
     int code = 0;
-    const Result result = read_int(property, 0, 13, code);
+    const Result result = integer_value(property, 0, 13, code);
     if (result != RESULT_SUCCESS) return result;
     if (code != DATA_TYPE_UINT16 && code != DATA_TYPE_FLOAT32) return RESULT_OUT_OF_RANGE;
     out = static_cast<DataType>(code);
@@ -78,9 +69,9 @@ bool read_only_key(const std::string& key) {
 // Applies one writable key to a copy of the settings; the caller checks the range order.
 Result assign(const LumoraProperty& property, double maxFps, SceneSettings& settings) {
     const std::string key = property.key();
-    if (key == "amplitude_threshold") return read_int(property, 0, 65535, settings.amplitudeThreshold);
-    if (key == "depth_range_min") return read_int(property, 0, 65535, settings.rangeMin);
-    if (key == "depth_range_max") return read_int(property, 0, 65535, settings.rangeMax);
+    if (key == "amplitude_threshold") return integer_value(property, 0, 65535, settings.amplitudeThreshold);
+    if (key == "depth_range_min") return integer_value(property, 0, 65535, settings.rangeMin);
+    if (key == "depth_range_max") return integer_value(property, 0, 65535, settings.rangeMax);
     if (key == "illumination") return read_flag(property, settings.illumination);
     if (key == "embedded_data_line") return read_flag(property, settings.embeddedDataLine);
     if (key == "depth_data_type") return read_data_type(property, settings.basicDataType);
@@ -268,6 +259,9 @@ Result SimCamera::close() {
         }
         mClosed = true;
     }
+    // Drain without the life-cycle lock: a state callback that calls an operation then gets
+    // RESULT_INVALID_OPERATION instead of waiting for this thread, which waits for it.
+    control.unlock();
     mEvents.shutdown();
     std::lock_guard<std::mutex> lock(mMutex);
     mSinks.clear();
@@ -468,7 +462,12 @@ std::shared_ptr<SimFrameList> SimCamera::acquireList(std::uint32_t mask, const S
     };
     if (!mPool.empty() && !matches(*mPool.front())) mPool.clear();
     for (const auto& list : mPool) {
-        if (list->unshared(list)) return list;
+        if (list->unshared(list)) {
+            // The count is read relaxed; the fence orders the sinks' last reads of the
+            // list (published by their releasing decrement) before our rewriting of it.
+            std::atomic_thread_fence(std::memory_order_acquire);
+            return list;
+        }
     }
     auto list = std::make_shared<SimFrameList>();
     for (const std::uint32_t type : {LumoraFrame::FRAME_DEPTH, LumoraFrame::FRAME_AMPLITUDE,

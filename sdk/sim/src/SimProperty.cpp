@@ -1,6 +1,7 @@
 #include "SimProperty.h"
 
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
@@ -200,6 +201,15 @@ bool numeric_value(const LumoraProperty* property, double& out) {
         default:
             return false;
     }
+}
+
+Result integer_value(const LumoraProperty& property, double low, double high, int& out) {
+    double value = 0.0;
+    if (property.dataType() == DATA_TYPE_BOOL || !numeric_value(&property, value)) return RESULT_INVALID_PARAMETER;
+    if (value != std::floor(value)) return RESULT_INVALID_PARAMETER;
+    if (value < low || value > high) return RESULT_OUT_OF_RANGE;
+    out = static_cast<int>(value);
+    return RESULT_SUCCESS;
 }
 
 }  // namespace halden::sensor::sim

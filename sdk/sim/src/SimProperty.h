@@ -79,4 +79,8 @@ private:
 // A numeric reading of any numeric or boolean property; false for text, bytes and null.
 bool numeric_value(const LumoraProperty* property, double& out);
 
+// A whole number within [low, high]: RESULT_INVALID_PARAMETER for anything that is not a
+// whole number (booleans, text, fractions), RESULT_OUT_OF_RANGE outside the bounds.
+Result integer_value(const LumoraProperty& property, double low, double high, int& out);
+
 }  // namespace halden::sensor::sim

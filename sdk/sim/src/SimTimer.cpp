@@ -22,10 +22,10 @@ public:
     ~SimTimer() override { shutdown(); }
 
     Result start(std::uint32_t periodMs, bool repeat) override {
-        if (periodMs == 0) return RESULT_INVALID_PARAMETER;
         {
             std::lock_guard<std::mutex> lock(mMutex);
             if (mShutdown) return RESULT_INVALID_OPERATION;
+            if (periodMs == 0) return RESULT_INVALID_PARAMETER;
             if (mArmed) return RESULT_ALREADY_RUNNING;
             mArmed = true;
             mRepeat = repeat;

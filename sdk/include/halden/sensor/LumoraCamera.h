@@ -65,6 +65,8 @@ public:
     virtual std::tuple<Result, std::shared_ptr<LumoraProperties>> getProperties(const std::string& name) const = 0;
     // The sink is not owned; it must outlive its registration (destroy_camera ends it).
     virtual Result addSink(LumoraSink* sink) = 0;
+    // A callback already under way may still finish after this returns; only
+    // destroy_camera() waits for the sinks' last callbacks.
     virtual Result removeSink(LumoraSink* sink) = 0;
     // The mask given to the last successful run(), 0 before any.
     virtual std::uint32_t wantedFrame() const = 0;
@@ -74,9 +76,12 @@ public:
 // Registers a listener that hears every camera of the process become prepared. Registering
 // the same listener again does nothing and answers RESULT_ALREADY_EXISTS.
 Result add_prepared_listener(LumoraCamera::PreparedListener* listener);
+// A callback already under way may still finish after the removal returns.
 Result remove_prepared_listener(LumoraCamera::PreparedListener* listener);
 
-// Opens the source's device; null when it is unplugged or already open.
+// Opens the source's device; null when it is unplugged or already open. The caller owns
+// the camera; the last reference must not be dropped on one of the camera's own threads
+// (in a sink's callback), since closing waits for those threads.
 std::shared_ptr<LumoraCamera> create_camera(const std::shared_ptr<LumoraSource>& source);
 
 // Stops and releases the camera when needed, delivers its last state callbacks and closes

@@ -48,6 +48,7 @@ public:
 // remove it (or keep it alive) until the process ends. RESULT_ALREADY_EXISTS when already
 // registered, RESULT_INVALID_PARAMETER for null.
 Result add_source_listener(LumoraSource::Listener* listener);
+// A callback already under way may still finish after the removal returns.
 Result remove_source_listener(LumoraSource::Listener* listener);
 
 // The attached sources; null when the library finds no transport to search at all.

@@ -21,8 +21,9 @@ public:
     // A stopped timer; null for a null listener. The listener is not owned and must outlive
     // the timer.
     static std::shared_ptr<Timer> createTimer(const std::string& name, OnTimeEventListener* listener);
-    // Stops the timer and ends its thread; no event runs after this returns (unless called
-    // from the timer's own event, which then finishes).
+    // Stops the timer and ends its thread; no event runs after this returns. Called from the
+    // timer's own event, that event still finishes, so the timer's last reference must not
+    // be dropped there.
     static Result destroyTimer(const std::shared_ptr<Timer>& timer);
 
     // Events fire every periodMs after start, at start + k x period, so that they do not
