@@ -157,19 +157,26 @@ std::uint32_t SimCamera::wantedFrame() const {
     return mWanted;
 }
 
+std::vector<LumoraSink*> SimCamera::sinks() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mSinks;
+}
+
 void SimCamera::postState(State state, bool prepared) {
     mEvents.post([this, state, prepared] {
         if (prepared) {
             for (auto* listener : Registry::instance().preparedListeners())
                 listener->onLumoraCameraPrepared(this);
         }
-        std::vector<LumoraSink*> sinks;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            sinks = mSinks;
-        }
-        for (auto* sink : sinks)
+        for (auto* sink : sinks())
             sink->onLumoraCameraState(mSource.get(), state);
+    });
+}
+
+void SimCamera::postError(Result error) {
+    mEvents.post([this, error] {
+        for (auto* sink : sinks())
+            sink->onLumoraCameraError(mSource.get(), error);
     });
 }
 
@@ -229,6 +236,20 @@ Result SimCamera::stopLocked(std::unique_lock<std::mutex>& /*control*/) {
     return RESULT_SUCCESS;
 }
 
+void SimCamera::shutDownLocked(std::unique_lock<std::mutex>& control) {
+    bool running = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        running = mState == STATE_RUNNING;
+    }
+    if (running) stopLocked(control);
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mState != STATE_NOT_PREPARED) {
+        mState = STATE_NOT_PREPARED;
+        postState(STATE_NOT_PREPARED);
+    }
+}
+
 Result SimCamera::release() {
     if (onDeliveryThread()) return RESULT_INVALID_OPERATION;
     std::lock_guard<std::mutex> control(mControl);
@@ -244,19 +265,13 @@ Result SimCamera::release() {
 Result SimCamera::close() {
     if (onDeliveryThread() || mEvents.onWorkerThread()) return RESULT_INVALID_OPERATION;
     std::unique_lock<std::mutex> control(mControl);
-    State state = STATE_NOT_PREPARED;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (mClosed) return RESULT_INVALID_OPERATION;
-        state = mState;
     }
-    if (state == STATE_RUNNING) stopLocked(control);
+    shutDownLocked(control);
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (mState != STATE_NOT_PREPARED) {
-            mState = STATE_NOT_PREPARED;
-            postState(STATE_NOT_PREPARED);
-        }
         mClosed = true;
     }
     // Drain without the life-cycle lock: a state callback that calls an operation then gets
@@ -276,29 +291,13 @@ bool SimCamera::isClosed() const {
 
 void SimCamera::unplug() {
     std::unique_lock<std::mutex> control(mControl);
-    State state = STATE_NOT_PREPARED;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (mClosed || mUnplugged) return;
-        state = mState;
-        if (state == STATE_RUNNING) {
-            mEvents.post([this] {
-                std::vector<LumoraSink*> sinks;
-                {
-                    std::lock_guard<std::mutex> inner(mMutex);
-                    sinks = mSinks;
-                }
-                for (auto* sink : sinks)
-                    sink->onLumoraCameraError(mSource.get(), RESULT_NO_SUCH_DEVICE);
-            });
-        }
+        if (mState == STATE_RUNNING) postError(RESULT_NO_SUCH_DEVICE);
     }
-    if (state == STATE_RUNNING) stopLocked(control);
+    shutDownLocked(control);
     std::lock_guard<std::mutex> lock(mMutex);
-    if (mState != STATE_NOT_PREPARED) {
-        mState = STATE_NOT_PREPARED;
-        postState(STATE_NOT_PREPARED);
-    }
     mUnplugged = true;
 }
 
@@ -314,15 +313,7 @@ Result SimCamera::injectFrameList(std::shared_ptr<LumoraFrameList> list) {
 Result SimCamera::injectError(Result error) {
     std::lock_guard<std::mutex> lock(mMutex);
     if (const Result result = usable(); result != RESULT_SUCCESS) return result;
-    mEvents.post([this, error] {
-        std::vector<LumoraSink*> sinks;
-        {
-            std::lock_guard<std::mutex> inner(mMutex);
-            sinks = mSinks;
-        }
-        for (auto* sink : sinks)
-            sink->onLumoraCameraError(mSource.get(), error);
-    });
+    postError(error);
     return RESULT_SUCCESS;
 }
 

@@ -78,8 +78,15 @@ public:
 private:
     Result usable() const;  // mMutex held
     bool onDeliveryThread() const { return std::this_thread::get_id() == mDeliveryId.load(); }
+    std::vector<LumoraSink*> sinks() const;
+    // Queue a callback to every sink (and, for the prepared state, first to every prepared
+    // listener); called in the order the camera goes through its states.
     void postState(State state, bool prepared = false);
+    void postError(Result error);
+    // With mControl held: stop delivery and report STATE_STOPPED.
     Result stopLocked(std::unique_lock<std::mutex>& control);
+    // With mControl held: stop if running, then release.
+    void shutDownLocked(std::unique_lock<std::mutex>& control);
     void deliver();
     std::shared_ptr<SimFrameList> acquireList(std::uint32_t mask, const SceneSettings& settings);
     std::uint64_t microsecondsSinceOpen(std::chrono::steady_clock::time_point when) const;
