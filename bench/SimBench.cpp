@@ -12,7 +12,7 @@
 #include <halden/sensor/Lumora.h>
 #include <halden/sensor/sim/SimControl.h>
 
-#include "DeviceSpec.h"
+#include "DeviceConfig.h"
 #include "Scene.h"
 
 namespace {
@@ -31,7 +31,7 @@ std::shared_ptr<sim::SimFrameList> vga_list(std::uint32_t mask) {
 }
 
 void render(benchmark::State& state, std::uint32_t mask) {
-    const sim::DeviceSpec device{"QRX100A", 640, 480, 30.0};
+    const sim::DeviceConfig device{"QRX100A", 640, 480, 30.0};
     sim::Scene scene(device, sim::model_info(device.model));
     sim::SceneSettings settings;
     auto list = vga_list(mask);

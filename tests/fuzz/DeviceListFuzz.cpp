@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "DeviceSpec.h"
+#include "DeviceConfig.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace halden::sensor::sim;

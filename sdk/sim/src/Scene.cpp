@@ -78,7 +78,7 @@ LensCalibration make_lens(int width, int height, double horizontalFov, int lens)
 
 }  // namespace
 
-Scene::Scene(const DeviceSpec& device, const ModelInfo& model)
+Scene::Scene(const DeviceConfig& device, const ModelInfo& model)
     : mWidth(device.width),
       mHeight(device.height),
       mGain(model.amplitudeGain),

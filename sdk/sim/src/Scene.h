@@ -11,7 +11,7 @@
 #include <halden/sensor/LumoraCalibration.h>
 #include <halden/sensor/LumoraDataType.h>
 
-#include "DeviceSpec.h"
+#include "DeviceConfig.h"
 #include "SimFrame.h"
 
 namespace halden::sensor::sim {
@@ -48,7 +48,7 @@ struct EmbeddedLineLayout {
 
 class Scene {
 public:
-    Scene(const DeviceSpec& device, const ModelInfo& model);
+    Scene(const DeviceConfig& device, const ModelInfo& model);
 
     int width() const { return mWidth; }
     int height() const { return mHeight; }

@@ -86,7 +86,7 @@ Result assign(const LumoraProperty& property, double maxFps, SceneSettings& sett
     return read_only_key(key) ? RESULT_INVALID_OPERATION : RESULT_NOT_SUPPORTED;
 }
 
-std::shared_ptr<LumoraProperties> firmware_info(const DeviceSpec& device) {
+std::shared_ptr<LumoraProperties> firmware_info(const DeviceConfig& device) {
     auto info = std::make_shared<SimProperties>("fw_info");
     info->add(SimProperty::makeInt32("fw_version", kFirmwareVersion, true));
     info->add(SimProperty::makeString("fw_build_date", "2026-09-14", true));
@@ -98,7 +98,7 @@ std::shared_ptr<LumoraProperties> firmware_info(const DeviceSpec& device) {
 
 }  // namespace
 
-SimSource::SimSource(int number, DeviceSpec device)
+SimSource::SimSource(int number, DeviceConfig device)
     : mNumber(number),
       mDevice(std::move(device)),
       mSerialNumber(serial_for(number, mDevice.model)),
@@ -351,7 +351,7 @@ std::tuple<Result, std::shared_ptr<LumoraProperty>> SimCamera::getProperty(const
     std::lock_guard<std::mutex> lock(mMutex);
     if (const Result result = usable(); result != RESULT_SUCCESS) return {result, nullptr};
     const SceneSettings& s = mSettings;
-    const DeviceSpec& device = mSource->device();
+    const DeviceConfig& device = mSource->device();
     std::shared_ptr<LumoraProperty> property;
     if (key == "amplitude_threshold") {
         property = SimProperty::makeInt32(key, s.amplitudeThreshold);

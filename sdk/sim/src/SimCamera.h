@@ -15,7 +15,7 @@
 #include <halden/sensor/LumoraCamera.h>
 #include <halden/sensor/LumoraSink.h>
 
-#include "DeviceSpec.h"
+#include "DeviceConfig.h"
 #include "Scene.h"
 #include "SerialExecutor.h"
 #include "SimFrame.h"
@@ -24,18 +24,18 @@ namespace halden::sensor::sim {
 
 class SimSource final : public LumoraSource {
 public:
-    SimSource(int number, DeviceSpec device);
+    SimSource(int number, DeviceConfig device);
 
     std::string name() const override { return mDevice.model; }
     std::string serialNumber() const override { return mSerialNumber; }
     std::string uri() const override { return mUri; }
 
     int number() const { return mNumber; }
-    const DeviceSpec& device() const { return mDevice; }
+    const DeviceConfig& device() const { return mDevice; }
 
 private:
     int mNumber;
-    DeviceSpec mDevice;
+    DeviceConfig mDevice;
     std::string mSerialNumber;
     std::string mUri;
 };

@@ -23,7 +23,7 @@ struct ModelInfo {
 // The characteristics of a known model, or generic ones for any other name.
 ModelInfo model_info(const std::string& model);
 
-struct DeviceSpec {
+struct DeviceConfig {
     std::string model;
     int width = 0;
     int height = 0;
@@ -34,14 +34,14 @@ struct DeviceSpec {
 // letters, digits, '-' or '_'; a size is 8 to 4096 a side and 4 megapixels at most; a rate
 // is 1 to 120 frames a second. Missing parts take the model's defaults. Empty on a
 // malformed entry.
-std::optional<DeviceSpec> parse_device_entry(const std::string& entry);
+std::optional<DeviceConfig> parse_device_entry(const std::string& entry);
 
 // The device list of a LUMORA_SIM_DEVICES value: comma-separated entries; malformed ones
 // are skipped and their text added to `rejected` when given. The caller handles the
 // unset variable and the value "none".
-std::vector<DeviceSpec> parse_device_list(const std::string& text, std::vector<std::string>* rejected = nullptr);
+std::vector<DeviceConfig> parse_device_list(const std::string& text, std::vector<std::string>* rejected = nullptr);
 
 // The entry text of a device, "MODEL:WxH@FPS".
-std::string format_device(const DeviceSpec& device);
+std::string format_device(const DeviceConfig& device);
 
 }  // namespace halden::sensor::sim

@@ -1,4 +1,4 @@
-#include "DeviceSpec.h"
+#include "DeviceConfig.h"
 
 #include <cctype>
 #include <cmath>
@@ -72,50 +72,50 @@ ModelInfo model_info(const std::string& model) {
     return info;
 }
 
-std::optional<DeviceSpec> parse_device_entry(const std::string& entry) {
+std::optional<DeviceConfig> parse_device_entry(const std::string& entry) {
     const std::string text = trim(entry);
     const auto at = text.find('@');
     const std::string head = text.substr(0, at);
     const auto colon = head.find(':');
-    DeviceSpec spec;
-    spec.model = head.substr(0, colon);
-    if (spec.model.empty() || spec.model.size() > 31) return std::nullopt;
-    for (const char c : spec.model) {
+    DeviceConfig device;
+    device.model = head.substr(0, colon);
+    if (device.model.empty() || device.model.size() > 31) return std::nullopt;
+    for (const char c : device.model) {
         if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '_') return std::nullopt;
     }
-    const ModelInfo info = model_info(spec.model);
-    spec.width = info.width;
-    spec.height = info.height;
-    spec.fps = info.fps;
+    const ModelInfo info = model_info(device.model);
+    device.width = info.width;
+    device.height = info.height;
+    device.fps = info.fps;
     if (colon != std::string::npos) {
         const std::string size = head.substr(colon + 1);
         const auto x = size.find('x');
         if (x == std::string::npos) return std::nullopt;
-        if (!parse_side(size.substr(0, x), spec.width) || !parse_side(size.substr(x + 1), spec.height)) {
+        if (!parse_side(size.substr(0, x), device.width) || !parse_side(size.substr(x + 1), device.height)) {
             return std::nullopt;
         }
-        if (spec.width < 8 || spec.height < 8 || spec.width > 4096 || spec.height > 4096 ||
-            spec.width * spec.height > 4 * 1024 * 1024) {
+        if (device.width < 8 || device.height < 8 || device.width > 4096 || device.height > 4096 ||
+            device.width * device.height > 4 * 1024 * 1024) {
             return std::nullopt;
         }
     }
     if (at != std::string::npos) {
-        if (!parse_rate(text.substr(at + 1), spec.fps) || spec.fps < 1.0 || spec.fps > 120.0) {
+        if (!parse_rate(text.substr(at + 1), device.fps) || device.fps < 1.0 || device.fps > 120.0) {
             return std::nullopt;
         }
     }
-    return spec;
+    return device;
 }
 
-std::vector<DeviceSpec> parse_device_list(const std::string& text, std::vector<std::string>* rejected) {
-    std::vector<DeviceSpec> devices;
+std::vector<DeviceConfig> parse_device_list(const std::string& text, std::vector<std::string>* rejected) {
+    std::vector<DeviceConfig> devices;
     if (trim(text).empty()) return devices;
     std::size_t begin = 0;
     while (true) {
         const auto comma = text.find(',', begin);
         const std::string entry = text.substr(begin, comma == std::string::npos ? std::string::npos : comma - begin);
-        if (auto spec = parse_device_entry(entry)) {
-            devices.push_back(std::move(*spec));
+        if (auto device = parse_device_entry(entry)) {
+            devices.push_back(std::move(*device));
         } else if (rejected != nullptr) {
             rejected->push_back(entry);
         }
@@ -125,7 +125,7 @@ std::vector<DeviceSpec> parse_device_list(const std::string& text, std::vector<s
     return devices;
 }
 
-std::string format_device(const DeviceSpec& device) {
+std::string format_device(const DeviceConfig& device) {
     char rate[32];
     std::snprintf(rate, sizeof rate, "%g", device.fps);
     return device.model + ":" + std::to_string(device.width) + "x" + std::to_string(device.height) + "@" + rate;
