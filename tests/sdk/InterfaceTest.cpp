@@ -1,0 +1,96 @@
+// The interface's binary contract: the slot of each virtual operation (a vendor's library
+// is called through these slots), the result texts and the numeric codes.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include <halden/sensor/Lumora.h>
+
+namespace {
+
+using namespace halden::sensor;
+
+// The 1-based vtable slot of a virtual member function, read from its pointer-to-member
+// (Itanium C++ ABI: the pointer holds 1 + the slot's byte offset).
+template <typename MemberFunction>
+std::uintptr_t slot(MemberFunction function) {
+    static_assert(sizeof(function) == 2 * sizeof(std::uintptr_t), "Itanium pointer to member function");
+    std::uintptr_t words[2];
+    std::memcpy(words, &function, sizeof words);
+    EXPECT_EQ(words[0] % sizeof(void*), 1U) << "not a virtual function";
+    return (words[0] - 1) / sizeof(void*) + 1;
+}
+
+TEST(Interface, VirtualOperationsKeepTheirSlots) {
+    EXPECT_EQ(slot(&LumoraSource::name), 1U);
+    EXPECT_EQ(slot(&LumoraSource::serialNumber), 2U);
+    EXPECT_EQ(slot(&LumoraSource::uri), 3U);
+    EXPECT_EQ(slot(&LumoraSourceList::size), 2U);
+    EXPECT_EQ(slot(&LumoraSourceList::at), 6U);
+    EXPECT_EQ(slot(&LumoraSource::Listener::onAttachedLumoraSource), 1U);
+    EXPECT_EQ(slot(&LumoraSource::Listener::onDetachedLumoraSource), 2U);
+
+    EXPECT_EQ(slot(&LumoraCamera::state), 1U);
+    EXPECT_EQ(slot(&LumoraCamera::source), 2U);
+    EXPECT_EQ(slot(&LumoraCamera::lensCount), 3U);
+    EXPECT_EQ(slot(&LumoraCamera::prepare), 8U);
+    EXPECT_EQ(slot(&LumoraCamera::run), 10U);
+    EXPECT_EQ(slot(&LumoraCamera::stop), 11U);
+    EXPECT_EQ(slot(&LumoraCamera::release), 12U);
+    EXPECT_EQ(slot(&LumoraCamera::setProperty), 13U);
+    EXPECT_EQ(slot(&LumoraCamera::setProperties), 14U);
+    EXPECT_EQ(slot(&LumoraCamera::getProperties), 16U);
+    EXPECT_EQ(slot(&LumoraCamera::addSink), 17U);
+    EXPECT_EQ(slot(&LumoraCamera::PreparedListener::onLumoraCameraPrepared), 1U);
+
+    EXPECT_EQ(slot(&LumoraSink::name), 1U);
+    EXPECT_EQ(slot(&LumoraSink::onLumoraCameraState), 2U);
+    EXPECT_EQ(slot(&LumoraSink::onLumoraCameraError), 3U);
+    EXPECT_EQ(slot(&LumoraSink::onLumoraFrameList), 4U);
+
+    EXPECT_EQ(slot(&LumoraFrame::width), 1U);
+    EXPECT_EQ(slot(&LumoraFrame::height), 2U);
+    EXPECT_EQ(slot(&LumoraFrame::frameType), 3U);
+    EXPECT_EQ(slot(&LumoraFrame::dataType), 4U);
+    EXPECT_EQ(slot(&LumoraProperty::dataType), 4U);
+    EXPECT_EQ(slot(&LumoraProperty::key), 7U);
+    EXPECT_EQ(slot(&Timer::OnTimeEventListener::onTimeEvent), 1U);
+}
+
+TEST(Interface, ResultTextsKeepTheirGaps) {
+    const char* const texts[] = {"success",
+                                 "fail",
+                                 "empty",
+                                 "overflow",
+                                 "not found",
+                                 nullptr,
+                                 "not ready",
+                                 "not supported",
+                                 "not implemented",
+                                 nullptr,
+                                 "no such device",
+                                 "invalid parameter",
+                                 "invalid operation",
+                                 nullptr,
+                                 "out of memory",
+                                 "out of resource",
+                                 "out of range",
+                                 "already exists",
+                                 "already opened",
+                                 "already running",
+                                 "already initialized",
+                                 "using resources",
+                                 "timeout"};
+    for (std::uint32_t code = 0; code < 23; ++code) {
+        if (texts[code] == nullptr) {
+            EXPECT_EQ(result_text(code), nullptr) << code;
+        } else {
+            EXPECT_STREQ(result_text(code), texts[code]) << code;
+        }
+    }
+    EXPECT_EQ(result_text(23), nullptr);
+    EXPECT_EQ(result_text(0xFFFFFFFFU), nullptr);
+}
+
+}  // namespace
