@@ -1,6 +1,7 @@
 #include "SimFrame.h"
 
 #include <cstring>
+#include <mutex>
 #include <type_traits>
 
 namespace halden::sensor::sim {
@@ -16,6 +17,50 @@ View view_of(const std::shared_ptr<LumoraFrame>& frame, std::uint32_t typeMask, 
     return View(frame, static_cast<const Element*>(frame->data()));
 }
 
+// Blocks for frame planes, recycled by size. A sink copies every list it keeps, and a
+// fresh block of this size comes straight from the kernel: a page fault every 4 KiB on
+// every copy, many times the cost of the copy itself.
+class PlaneBlocks {
+public:
+    // Never destroyed: frames may be released during static destruction.
+    static PlaneBlocks& instance() {
+        static auto* blocks = new PlaneBlocks;
+        return *blocks;
+    }
+
+    std::uint8_t* take(std::size_t bytes) {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            for (auto it = mFree.rbegin(); it != mFree.rend(); ++it) {
+                if (it->first != bytes) continue;
+                std::uint8_t* block = it->second;
+                mFree.erase(std::next(it).base());
+                mFreeBytes -= bytes;
+                return block;
+            }
+        }
+        return new std::uint8_t[bytes];
+    }
+
+    void give(std::uint8_t* block, std::size_t bytes) {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (mFreeBytes + bytes <= kKeptBytes) {
+                mFree.emplace_back(bytes, block);
+                mFreeBytes += bytes;
+                return;
+            }
+        }
+        delete[] block;
+    }
+
+private:
+    static constexpr std::size_t kKeptBytes = std::size_t{64} << 20;
+    std::mutex mMutex;
+    std::vector<std::pair<std::size_t, std::uint8_t*>> mFree;
+    std::size_t mFreeBytes = 0;
+};
+
 constexpr std::uint32_t kBasicTypes = LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_AMPLITUDE;
 
 }  // namespace
@@ -27,7 +72,9 @@ SimFrame::SimFrame(FrameType type, DataType dataType, int width, int height)
       mHeight(height),
       mPlanes(planesOf(type)),
       mBytes(mPlanes * elementCount() * element_size(dataType)),
-      mData(new std::uint8_t[mBytes]) {}
+      mData(PlaneBlocks::instance().take(mBytes), PlanesDeleter{mBytes}) {}
+
+void SimFrame::PlanesDeleter::operator()(std::uint8_t* planes) const { PlaneBlocks::instance().give(planes, bytes); }
 
 std::size_t SimFrame::planesOf(FrameType type) {
     switch (type) {

@@ -46,7 +46,12 @@ private:
     int mHeight;
     std::size_t mPlanes;
     std::size_t mBytes;
-    std::unique_ptr<std::uint8_t[]> mData;
+    // Returns the planes to the library's recycled blocks.
+    struct PlanesDeleter {
+        std::size_t bytes;
+        void operator()(std::uint8_t* planes) const;
+    };
+    std::unique_ptr<std::uint8_t[], PlanesDeleter> mData;
     std::uint64_t mTimestamp = 0;
     std::uint32_t mFrameNumber = 0;
     std::vector<std::shared_ptr<LumoraProperty>> mProperties;
