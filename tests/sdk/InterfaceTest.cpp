@@ -1,5 +1,5 @@
-// The interface's binary contract: the slot of each virtual operation (a vendor's library
-// is called through these slots), the result texts and the numeric codes.
+// The interface's binary contract: the slot of each virtual operation, through which a
+// vendor's library is called.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -56,41 +56,6 @@ TEST(Interface, VirtualOperationsKeepTheirSlots) {
     EXPECT_EQ(slot(&LumoraProperty::dataType), 4U);
     EXPECT_EQ(slot(&LumoraProperty::key), 7U);
     EXPECT_EQ(slot(&Timer::OnTimeEventListener::onTimeEvent), 1U);
-}
-
-TEST(Interface, ResultTextsKeepTheirGaps) {
-    const char* const texts[] = {"success",
-                                 "fail",
-                                 "empty",
-                                 "overflow",
-                                 "not found",
-                                 nullptr,
-                                 "not ready",
-                                 "not supported",
-                                 "not implemented",
-                                 nullptr,
-                                 "no such device",
-                                 "invalid parameter",
-                                 "invalid operation",
-                                 nullptr,
-                                 "out of memory",
-                                 "out of resource",
-                                 "out of range",
-                                 "already exists",
-                                 "already opened",
-                                 "already running",
-                                 "already initialized",
-                                 "using resources",
-                                 "timeout"};
-    for (std::uint32_t code = 0; code < 23; ++code) {
-        if (texts[code] == nullptr) {
-            EXPECT_EQ(result_text(code), nullptr) << code;
-        } else {
-            EXPECT_STREQ(result_text(code), texts[code]) << code;
-        }
-    }
-    EXPECT_EQ(result_text(23), nullptr);
-    EXPECT_EQ(result_text(0xFFFFFFFFU), nullptr);
 }
 
 }  // namespace
