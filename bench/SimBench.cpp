@@ -19,22 +19,12 @@ namespace {
 
 using namespace halden::sensor;
 
-std::shared_ptr<sim::SimFrameList> vga_list(std::uint32_t mask) {
-    auto list = std::make_shared<sim::SimFrameList>();
-    for (const std::uint32_t type : {LumoraFrame::FRAME_DEPTH, LumoraFrame::FRAME_AMPLITUDE,
-                                     LumoraFrame::FRAME_POINTCLOUD, LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
-        if ((mask & type) == 0) continue;
-        const DataType dataType = type <= LumoraFrame::FRAME_AMPLITUDE ? DATA_TYPE_UINT16 : DATA_TYPE_FLOAT32;
-        list->add(std::make_shared<sim::SimFrame>(static_cast<LumoraFrame::FrameType>(type), dataType, 640, 480));
-    }
-    return list;
-}
+const sim::DeviceConfig kVga{"QRX100A", 640, 480, 30.0};
 
 void render(benchmark::State& state, std::uint32_t mask) {
-    const sim::DeviceConfig device{"QRX100A", 640, 480, 30.0};
-    sim::Scene scene(device, sim::model_info(device.model));
-    sim::SceneSettings settings;
-    auto list = vga_list(mask);
+    sim::Scene scene(kVga, sim::model_info(kVga.model));
+    const sim::SceneSettings settings;
+    auto list = scene.makeList(mask, settings);
     std::uint32_t frame = 0;
     for (auto _ : state) {
         scene.render(frame, frame * 33333ULL, settings, *list);
@@ -62,7 +52,8 @@ void BM_MemcpyVgaDepthAmplitude(benchmark::State& state) {
 BENCHMARK(BM_MemcpyVgaDepthAmplitude)->Unit(benchmark::kMicrosecond)->MinTime(1.0);
 
 void BM_CopyFrameListVgaDepthAmplitude(benchmark::State& state) {
-    std::shared_ptr<LumoraFrameList> list = vga_list(2 | 4);
+    const sim::Scene scene(kVga, sim::model_info(kVga.model));
+    std::shared_ptr<LumoraFrameList> list = scene.makeList(2 | 4, sim::SceneSettings());
     for (auto _ : state) {
         auto copy = copy_frame_list(list);
         benchmark::DoNotOptimize(copy);

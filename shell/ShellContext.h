@@ -25,6 +25,12 @@ struct ShellContext {
     std::string promptName;
     // The last frame selector given to "run".
     std::int32_t runArgument = 6;
+
+    // Ends the run/stop stress test: clear `running`, then wait for its thread.
+    void stopStressTest() {
+        running = false;
+        if (testThread.joinable()) testThread.join();
+    }
 };
 
 }  // namespace lumora::shell

@@ -10,13 +10,8 @@ namespace lumora::shell {
 
 namespace {
 
-void stop_stress_test(ShellContext& context) {
-    context.running = false;
-    if (context.testThread.joinable()) context.testThread.join();
-}
-
 void quit(ShellContext& context) {
-    stop_stress_test(context);
+    context.stopStressTest();
     if (context.camera) {
         context.camera->stop();
         context.camera->release();

@@ -29,10 +29,7 @@ int main() {
     lumora::shell::ShellContext context;
 
     halden::sensor::add_source_listener(&gSourceListener);
-    gSourceListener.setStopTest([&context] {
-        context.running = false;
-        if (context.testThread.joinable()) context.testThread.join();
-    });
+    gSourceListener.setStopTest([&context] { context.stopStressTest(); });
 
     std::thread shellThread([&context] { lumora::shell::run_shell(context); });
     while (!context.quit)

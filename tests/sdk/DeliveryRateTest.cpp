@@ -11,6 +11,11 @@ namespace {
 
 double seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
+// Lists per second from arrival `from` to arrival `to`.
+double rate(const std::vector<Arrival>& arrivals, std::size_t from, std::size_t to) {
+    return static_cast<double>(to - from) / seconds(arrivals[to].when - arrivals[from].when);
+}
+
 // The sensor stamps each list at its own deadline: timestamps follow frame numbers at the period.
 void expect_sensor_clock(const std::vector<Arrival>& arrivals, std::size_t from, std::size_t to, double fps) {
     for (std::size_t k = from + 1; k < to; ++k) {
@@ -48,9 +53,8 @@ TEST_F(DeliveryRate, ThirtyFramesASecond) {
     ASSERT_TRUE(mSink.arrivals.waitFor(76));
     ASSERT_EQ(mCamera->stop(), RESULT_SUCCESS);
     const auto arrivals = mSink.arrivals.all();
-    const double rate = 75.0 / seconds(arrivals[75].when - arrivals[0].when);
-    EXPECT_GT(rate, 30.0 * 0.8);
-    EXPECT_LT(rate, 30.0 * 1.2);
+    EXPECT_GT(rate(arrivals, 0, 75), 30.0 * 0.8);
+    EXPECT_LT(rate(arrivals, 0, 75), 30.0 * 1.2);
     std::vector<double> gaps;
     for (std::size_t k = 1; k <= 75; ++k)
         gaps.push_back(seconds(arrivals[k].when - arrivals[k - 1].when));
@@ -73,9 +77,8 @@ TEST_F(DeliveryRate, NewFrameRateTakesEffectWhileStreaming) {
     ASSERT_TRUE(mSink.arrivals.waitFor(from + 31));
     ASSERT_EQ(mCamera->stop(), RESULT_SUCCESS);
     const auto arrivals = mSink.arrivals.all();
-    const double rate = 30.0 / seconds(arrivals[from + 30].when - arrivals[from].when);
-    EXPECT_GT(rate, 15.0 * 0.8);
-    EXPECT_LT(rate, 15.0 * 1.2);
+    EXPECT_GT(rate(arrivals, from, from + 30), 15.0 * 0.8);
+    EXPECT_LT(rate(arrivals, from, from + 30), 15.0 * 1.2);
     expect_sensor_clock(arrivals, 0, before, 30.0);
     expect_sensor_clock(arrivals, from, from + 31, 15.0);
 }
@@ -88,8 +91,7 @@ TEST_F(DeliveryRate, SlowSinkMakesTheCameraDropFrames) {
     const auto arrivals = mSink.arrivals.all();
     // Lists come as fast as the sink takes them (three frame periods each), and the frames in
     // between are gone.
-    const double rate = 15.0 / seconds(arrivals[15].when - arrivals[0].when);
-    EXPECT_LT(rate, 10.0 * 1.2);
+    EXPECT_LT(rate(arrivals, 0, 15), 10.0 * 1.2);
     EXPECT_GE(arrivals[15].frameNumber - arrivals[0].frameNumber, 15U * 2);
     expect_sensor_clock(arrivals, 0, 16, 30.0);
 }

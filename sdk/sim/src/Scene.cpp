@@ -337,6 +337,15 @@ void Scene::writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::u
     std::memcpy(line->mutableBytes(), record, std::min(sizeof record, line->size()));
 }
 
+std::shared_ptr<SimFrameList> Scene::makeList(std::uint32_t mask, const SceneSettings& settings) const {
+    auto list = std::make_shared<SimFrameList>();
+    for (const auto type : {LumoraFrame::FRAME_DEPTH, LumoraFrame::FRAME_AMPLITUDE, LumoraFrame::FRAME_POINTCLOUD,
+                            LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
+        if ((mask & type) != 0) list->add(std::make_shared<SimFrame>(type, settings.dataTypeOf(type), mWidth, mHeight));
+    }
+    return list;
+}
+
 void Scene::render(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings,
                    SimFrameList& list) {
     shade(frameNumber, settings);

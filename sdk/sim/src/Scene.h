@@ -26,6 +26,10 @@ struct SceneSettings {
     bool embeddedDataLine = false;
     DataType basicDataType = DATA_TYPE_UINT16;        // depth and amplitude frames
     DataType pointCloudDataType = DATA_TYPE_FLOAT32;  // both point-cloud frames
+
+    DataType dataTypeOf(LumoraFrame::FrameType type) const {
+        return type <= LumoraFrame::FRAME_AMPLITUDE ? basicDataType : pointCloudDataType;
+    }
 };
 
 struct LensCalibration {
@@ -55,6 +59,10 @@ public:
     const std::vector<LensCalibration>& lenses() const { return mLenses; }
     // Sensor temperature in degrees Celsius, t seconds after power-up.
     static double temperatureAt(double seconds);
+
+    // A list with one frame of this scene's size for each type in the mask, in the data
+    // types of the settings; its planes are not initialised.
+    std::shared_ptr<SimFrameList> makeList(std::uint32_t mask, const SceneSettings& settings) const;
 
     // Fills every frame of the list (allocated to this scene's size) with frame
     // `frameNumber` and stamps the list. Not reentrant: one thread renders at a time.

@@ -444,9 +444,7 @@ std::shared_ptr<SimFrameList> SimCamera::acquireList(std::uint32_t mask, const S
     auto matches = [&](const SimFrameList& list) {
         std::uint32_t types = 0;
         for (const auto& frame : list.frames()) {
-            const DataType wanted = frame->frameType() <= LumoraFrame::FRAME_AMPLITUDE ? settings.basicDataType
-                                                                                       : settings.pointCloudDataType;
-            if (frame->dataType() != wanted) return false;
+            if (frame->dataType() != settings.dataTypeOf(frame->frameType())) return false;
             types |= frame->frameType();
         }
         return types == mask;
@@ -463,15 +461,7 @@ std::shared_ptr<SimFrameList> SimCamera::acquireList(std::uint32_t mask, const S
             return list;
         }
     }
-    auto list = std::make_shared<SimFrameList>();
-    for (const std::uint32_t type : {LumoraFrame::FRAME_DEPTH, LumoraFrame::FRAME_AMPLITUDE,
-                                     LumoraFrame::FRAME_POINTCLOUD, LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
-        if ((mask & type) == 0) continue;
-        const DataType dataType =
-            type <= LumoraFrame::FRAME_AMPLITUDE ? settings.basicDataType : settings.pointCloudDataType;
-        list->add(std::make_shared<SimFrame>(static_cast<LumoraFrame::FrameType>(type), dataType, mScene.width(),
-                                             mScene.height()));
-    }
+    auto list = mScene.makeList(mask, settings);
     if (mPool.size() < kPoolLimit) mPool.push_back(list);
     return list;
 }
