@@ -18,13 +18,15 @@ struct ShellContext {
     // run/stop stress test going.
     std::atomic<bool> running{false};
     std::thread testThread;
+    // True from the start of a stress test until its thread has printed its count.
+    std::atomic<bool> testActive{false};
     // Only the shell thread changes the selected camera.
     std::shared_ptr<halden::sensor::LumoraCamera> camera;
     std::shared_ptr<halden::sensor::LumoraSourceList> sources;
     // The selected source's name; empty while nothing is selected.
     std::string promptName;
-    // The last frame selector given to "run".
-    std::int32_t runArgument = 6;
+    // The last frame selector given to "run"; the stress test reads it too.
+    std::atomic<std::int32_t> runArgument{6};
 
     // Ends the run/stop stress test: clear `running`, then wait for its thread.
     void stopStressTest() {

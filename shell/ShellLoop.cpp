@@ -1,40 +1,18 @@
 #include "ShellLoop.h"
 
-#include <cstdio>
-#include <iostream>
-#include <string>
-
-#include "ResultPrinter.h"
+#include "Commands.h"
+#include "Terminal.h"
 
 namespace lumora::shell {
 
-namespace {
-
-void quit(ShellContext& context) {
-    context.stopStressTest();
-    if (context.camera) {
-        context.camera->stop();
-        context.camera->release();
-        halden::sensor::destroy_camera(context.camera);
-        context.camera.reset();
-        context.promptName.clear();
-    }
-    context.quit = true;
-}
-
-}  // namespace
-
-// A line-based stand-in for the interactive interpreter: it knows "quit" only.
 void run_shell(ShellContext& context) {
-    std::string line;
+    terminal::Terminal& terminal = terminal::Terminal::getInstance();
+    for (const Command& command : commands())
+        terminal.addCommandWord(command.word);
     while (!context.quit) {
-        std::printf("%s", context.promptName.empty() ? "LumoraShell>" : (context.promptName + ":").c_str());
-        std::fflush(stdout);
-        if (!std::getline(std::cin, line) || line == "quit") {
-            quit(context);
-        } else if (!line.empty()) {
-            print_result(halden::sensor::RESULT_NOT_SUPPORTED);
-        }
+        terminal.setPrompt(context.promptName.empty() ? "LumoraShell>" : context.promptName + ":");
+        const std::string line = terminal.readLine();
+        if (!line.empty()) run_command(context, line);
     }
 }
 

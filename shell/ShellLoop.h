@@ -1,12 +1,11 @@
-// The shell thread's body.
+// The shell thread's body: the command loop at the prompt.
 #pragma once
 
 #include "ShellContext.h"
 
 namespace lumora::shell {
 
-// Reads commands from standard input until "quit" (or the end of input), which stops and
-// closes the selected camera and sets context.quit.
+// Reads and runs commands until "quit" sets context.quit. Owns the terminal while it runs.
 void run_shell(ShellContext& context);
 
 }  // namespace lumora::shell

@@ -5,6 +5,7 @@
 // set the main thread joins the shell thread and tears down in the reverse order of
 // start-up. The camera itself is closed by the shell thread before it sets `quit`.
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 #include <thread>
 
@@ -26,6 +27,8 @@ void sleep_one_second() {
 
 int main() {
     using lumora::shell::gSourceListener;
+    // Every printf reaches the terminal at once and in order with the editor's own writes.
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
     lumora::shell::ShellContext context;
 
     halden::sensor::add_source_listener(&gSourceListener);

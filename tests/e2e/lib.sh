@@ -32,22 +32,80 @@ fail() {
 }
 
 # Starts the shell in an 80x24 pane; with an argument, the simulated library's device list
-# LUMORA_SIM_DEVICES is set to it (else the library's default devices). A wrapper writes
-# the shell's exit status to a file when it ends, and the pane stays, so the last screen
-# can still be read.
+# LUMORA_SIM_DEVICES is set to it (else the library's default devices). A wrapper keeps the
+# terminal settings from before and after the shell (stty -g) and writes its exit status to
+# a file when it ends; the pane stays, so the last screen can still be read. Every byte the
+# shell writes is kept too. Job control puts the shell in a process group of its own, as an
+# interactive login shell would, so that Ctrl-C and Ctrl-Z reach the shell alone.
 start_shell() {
   stop_shell
   SOCKET="lumora-e2e-$$-$((++SHELLS))"
-  rm -f "$WORKDIR/status"
+  rm -f "$WORKDIR/status" "$WORKDIR/raw" "$WORKDIR/stty.before" "$WORKDIR/stty.after"
   local devices=()
   [ $# -gt 0 ] && devices=(-e "LUMORA_SIM_DEVICES=$1")
   tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${devices[@]}" \
-    sh -c '"$0"; echo $? >status.tmp; mv status.tmp status' "$SHELL_BIN"
+    bash -c 'set -m; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
+    "$SHELL_BIN"
+  tmux_ pipe-pane -o "cat >>'$WORKDIR/raw'"
+  # The wrapper waits for this line, so that no byte of the shell's escapes the recording.
+  tmux_ send-keys Enter
 }
 
-screen() { tmux_ capture-pane -p -J; }
+# Every byte written to the terminal so far.
+raw_output() { cat "$WORKDIR/raw" 2>/dev/null || true; }
 
-type_line() { tmux_ send-keys -l "$1"; tmux_ send-keys Enter; }
+# Waits up to 10 seconds for the terminal to have received the bytes $1.
+wait_for_bytes() {
+  local deadline=$((SECONDS + 10))
+  while ((SECONDS < deadline)); do
+    [[ "$(raw_output)" == *"$1"* ]] && return 0
+    sleep 0.1
+  done
+  fail "the terminal did not receive $(printf '%q' "$1")"
+}
+
+# Fails unless the terminal settings after the shell are those from before it.
+check_terminal_restored() {
+  [ -s "$WORKDIR/stty.before" ] || fail "no settings recorded before the shell"
+  cmp -s "$WORKDIR/stty.before" "$WORKDIR/stty.after" ||
+    fail "terminal settings changed: $(cat "$WORKDIR/stty.before") -> $(cat "$WORKDIR/stty.after" 2>/dev/null)"
+}
+
+# Waits up to $2 seconds (default 10) for a screen line to be exactly $1.
+wait_for_line() {
+  local line=$1 seconds=${2:-10}
+  local deadline=$((SECONDS + seconds))
+  while ((SECONDS < deadline)); do
+    screen | grep -qxF -- "$line" && return 0
+    sleep 0.1
+  done
+  fail "no line \"$line\" on the screen within ${seconds}s"
+}
+
+# How many screen lines are exactly $1.
+count_lines() { screen | grep -cxF -- "$1" || true; }
+
+# The whole screen and its scrollback, trailing blanks cut.
+screen() { tmux_ capture-pane -p -J -S - | sed 's/ *$//'; }
+
+cursor_x() { tmux_ display-message -p '#{cursor_x}'; }
+
+# Types $1 as a person does, one key at a time: the editor asks the terminal where the
+# cursor is for every character, and a key typed before that answer would spoil it. The
+# next key goes once the cursor has moved past the last one. Then Enter.
+type_line() {
+  local text=$1 start i deadline
+  start=$(cursor_x)
+  for ((i = 0; i < ${#text}; i++)); do
+    tmux_ send-keys -l -- "${text:i:1}"
+    deadline=$((SECONDS + 10))
+    until [ "$(cursor_x)" -eq $((start + i + 1)) ]; do
+      ((SECONDS < deadline)) || fail "the editor did not take \"${text:0:i+1}\""
+      sleep 0.01
+    done
+  done
+  tmux_ send-keys Enter
+}
 
 # Waits up to $2 seconds (default 10) for the screen to show the fixed text $1.
 wait_for() {
@@ -72,4 +130,28 @@ wait_exit() {
     sleep 0.1
   done
   echo "timeout"
+}
+
+# The screen line that follows the last line that is exactly $1.
+line_after() { screen | awk -v line="$1" '$0 == line { getline next_line; found = next_line } END { print found }'; }
+
+# At the prompt $1, types the command $2 and waits up to 10 seconds for the next line to
+# be $3.
+expect_after() {
+  local prompt=$1 command=$2 answer=$3
+  local deadline=$((SECONDS + 10))
+  type_line "$command"
+  until [ "$(line_after "$prompt $command")" = "$answer" ]; do
+    ((SECONDS < deadline)) || fail "\"$command\" at \"$prompt\" did not answer \"$answer\""
+    sleep 0.05
+  done
+}
+
+# Waits up to 10 seconds for $2 screen lines to be exactly $1.
+wait_for_count() {
+  local deadline=$((SECONDS + 10))
+  until [ "$(count_lines "$1")" -ge "$2" ]; do
+    ((SECONDS < deadline)) || fail "fewer than $2 lines \"$1\""
+    sleep 0.05
+  done
 }

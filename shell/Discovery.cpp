@@ -1,0 +1,71 @@
+#include "Discovery.h"
+
+#include <cstdio>
+#include <stdexcept>
+
+#include "ResultPrinter.h"
+#include "SourceListener.h"
+#include "TextHelpers.h"
+
+namespace lumora::shell {
+
+namespace hs = halden::sensor;
+
+Outcome search(ShellContext& context, const std::string& /*argument*/) {
+    if (context.camera) return hs::RESULT_INVALID_OPERATION;
+    context.sources = hs::search_camera_source();
+    if (!context.sources) return hs::RESULT_NOT_FOUND;
+    for (size_t i = 0; i < context.sources->size(); ++i) {
+        const auto source = context.sources->at(i);
+        if (!source) continue;
+        std::printf("%zu) source name : %s, serialNumber : %s, uri : %s\n\r", i, source->name().c_str(),
+                    source->serialNumber().c_str(), source->uri().c_str());
+    }
+    return std::nullopt;
+}
+
+Outcome select(ShellContext& context, const std::string& argument) {
+    if (!terminal::isInteger(argument)) return hs::RESULT_INVALID_PARAMETER;
+    if (context.camera) return hs::RESULT_ALREADY_EXISTS;
+    if (!context.sources) return hs::RESULT_NO_SUCH_DEVICE;
+    std::int64_t index = -1;
+    try {
+        index = terminal::toInt(argument, -1);
+    } catch (const std::out_of_range&) {
+        // Beyond any list: fails like any other index out of range.
+    }
+    std::shared_ptr<hs::LumoraSource> source;
+    if (index >= 0 && context.sources->size() > static_cast<size_t>(index))
+        source = context.sources->at(static_cast<size_t>(index));
+    if (source) context.camera = hs::create_camera(source);
+    if (!context.camera) return hs::RESULT_FAIL;
+
+    const std::string name = source->name();
+    std::printf("selected device(%s:%s)\n\r", name.c_str(), source->serialNumber().c_str());
+    context.promptName = name;
+    gSourceListener.setCamera(context.camera);
+    if (context.camera->state() == hs::LumoraCamera::STATE_NOT_PREPARED) {
+        const hs::Result result = context.camera->prepare();
+        if (result != hs::RESULT_SUCCESS) print_result(result);
+    }
+    return std::nullopt;
+}
+
+Outcome deselect(ShellContext& context, const std::string& /*argument*/) {
+    gSourceListener.setCamera(nullptr);
+    context.stopStressTest();
+    context.camera->stop();
+    const hs::Result result = hs::destroy_camera(context.camera);
+    context.camera.reset();
+    context.promptName.clear();
+    return result;
+}
+
+DisplayRanges display_ranges_for(const std::string& model) {
+    for (const char* wide : {"QRX100A", "QRX100AW6", "QRX100AW9", "QRX500AAW", "T100K", "T110K"})
+        if (model == wide) return {7000.0F, 0.0F, 230.0F, 0.0F};
+    if (model == "QRX200AP") return {4000.0F, 0.0F, 1400.0F, 0.0F};
+    return {3000.0F, 0.0F, 200.0F, 0.0F};
+}
+
+}  // namespace lumora::shell

@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# The interpreter's answers: commands that need a camera, unknown words, the forms of
+# "select", "search" while selected, the run argument kept between runs, and "help" to the
+# byte.
+source "$(dirname "$0")/lib.sh"
+
+P="LumoraShell>"
+start_shell "QRX100A,QRX200AP"
+wait_for "$P"
+
+# Without a camera.
+for command in run "run 2" stop deselect _run_stop_test "getpl fw_info" "get lenses" "get fov"; do
+  expect_after "$P" "$command" "-> result : not supported"
+done
+for command in frobnicate Help quitnow " search"; do
+  expect_after "$P" "$command" "-> result : not supported"
+done
+# An empty line runs nothing and prints nothing: the next line is the prompt again.
+type_line ""
+expect_after "$P" "version" "v2.3.0 : 2026-11-21"
+[ "$(line_after "$P")" = "$P version" ] || fail "an empty line printed something"
+
+# "select" in all its failure forms.
+expect_after "$P" "select" "-> result : invalid parameter"
+expect_after "$P" "select one" "-> result : invalid parameter"
+expect_after "$P" "select 1.5" "-> result : invalid parameter"
+expect_after "$P" "select 0" "-> result : no such device"
+type_line "search"
+wait_for_line "1) source name : QRX200AP, serialNumber : LM2F3C650001, uri : sim:1"
+expect_after "$P" "select 5" "-> result : fail"
+expect_after "$P" "select -1" "-> result : fail"
+expect_after "$P" "select 99999999999" "-> result : fail"
+expect_after "$P" "select 0" "selected device(QRX100A:LM0536240000)"
+P="QRX100A:"
+expect_after "$P" "select 0" "-> result : already exists"
+expect_after "$P" "search" "-> result : invalid operation"
+
+# The run argument: an integer is kept for later runs, anything else reuses the last one.
+expect_after "$P" "run 1" "-> result : invalid parameter"
+expect_after "$P" "run" "-> result : invalid parameter"
+expect_after "$P" "run abc" "-> result : invalid parameter"
+expect_after "$P" "run 2" "-> result : success"
+expect_after "$P" "run" "-> result : already running"
+expect_after "$P" "stop" "-> result : success"
+expect_after "$P" "stop" "-> result : invalid operation"
+expect_after "$P" "run x" "-> result : success"
+expect_after "$P" "deselect" "-> result : success"
+P="LumoraShell>"
+expect_after "$P" "deselect" "-> result : not supported"
+
+# "help", byte for byte as the terminal receives it (its output flags turn "\n" into "\r\n").
+help=$'\rUsage: [COMMAND]... [OPTION]...\n'
+help+=$'\r\t search\t\tsearching for ToF camera device\n'
+help+=$'\r\t select\t\tselect camera device in the searched list\n'
+help+=$'\r\t run\t\trun the selected camera device & You can see the image frames\n'
+help+=$'\r\t stop\t\tstop the camera device\n'
+help+=$'\r\t get\t\tget property from selected camera device\n'
+help+=$'\r\t set\t\tset property to selected camera device\n'
+help+=$'\r\t deselect\trelease the camera device\n'
+help+=$'\r\t history\tdisplay manipulate the history list\n'
+help+=$'\r\t version\tdisplay last released version\n'
+help+=$'\r\t quit\t\trelease the camera device & exit\n'
+help+=$'\r\t help\t\tdisplay this help\n'
+help+=$'\r\nExamples:\n'
+help+=$'\r\tselect 0\t\t\tselect ToF camera device index 0\n'
+help+=$'\r\tset amplitude_threshold 100\tsetting amplitude_threshold property with 100 to the selected camera device\n'
+type_line "help"
+wait_for_bytes $'H\r\n\r'"${help//$'\n'/$'\r\n'}"$'\rLumoraShell> '
+
+# "history" lists every line entered, numbered from 1.
+type_line "history"
+wait_for_line "1 run"
+wait_for_line "36 history"
+
+type_line "quit"
+status=$(wait_exit 10)
+[ "$status" = 0 ] || fail "exit status $status"
+check_terminal_restored
+echo "commands: passed"

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Ctrl-C and Ctrl-Z at the prompt end the shell with the signal number as exit status and
+# leave the terminal settings exactly as they were, also while a camera streams.
+source "$(dirname "$0")/lib.sh"
+
+interrupt() {
+  local key=$1 expected=$2 what=$3
+  tmux_ send-keys "$key"
+  status=$(wait_exit 10)
+  [ "$status" = "$expected" ] || fail "$what: exit status $status, expected $expected"
+  check_terminal_restored
+}
+
+start_shell
+wait_for "LumoraShell>"
+interrupt C-c 2 "Ctrl-C at the prompt"
+
+start_shell
+wait_for "LumoraShell>"
+tmux_ send-keys -l "s"
+interrupt C-z 20 "Ctrl-Z with a half-typed line"
+
+start_shell "QRX100A"
+wait_for "LumoraShell>"
+type_line "search"
+type_line "select 0"
+wait_for_line "QRX100A:"
+expect_after "QRX100A:" "run" "-> result : success"
+interrupt C-c 2 "Ctrl-C while streaming"
+echo "signals: passed"

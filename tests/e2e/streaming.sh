@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# A streaming camera: hot-plug lines from the library's thread, the run/stop stress test,
+# and "quit" while frames flow.
+source "$(dirname "$0")/lib.sh"
+
+start_shell "QRX100A"
+P="LumoraShell>"
+wait_for "$P"
+# The library announces a device from its own thread, before or after the shell's own
+# lines; an empty line then brings a fresh prompt.
+type_line "set sim_attach QRX200AP"
+wait_for "onAttachedLumoraSource(sim:1)"
+wait_for_line "-> result : success"
+type_line ""
+type_line "search"
+wait_for_line "1) source name : QRX200AP, serialNumber : LM2F3C650001, uri : sim:1"
+type_line "set sim_detach 1"
+wait_for "onDetachedLumoraSource(sim:1)"
+wait_for_count "-> result : success" 2
+type_line ""
+type_line "select 0"
+P="QRX100A:"
+wait_for_line "$P"
+expect_after "$P" "_run_stop_test" "-> result : not supported"
+expect_after "$P" "run" "-> result : success"
+expect_after "$P" "_run_stop_test" "-> result : success"
+# A cycle is half a second stopped, then three seconds running; while it runs, a second
+# test is refused.
+sleep 1.2
+expect_after "$P" "_run_stop_test" "-> result : already running"
+# "stop" waits for the cycle under way to end.
+expect_after "$P" "stop" "run_stop test count = 1"
+wait_for_line "-> result : success" 10
+[ "$(line_after "run_stop test count = 1")" = "-> result : success" ] || fail "stop answers after the count"
+expect_after "$P" "run" "-> result : success"
+expect_after "$P" "_run_stop_test" "-> result : success"
+
+# "quit" ends the stress test, stops and closes the camera, and the process ends.
+type_line "quit"
+wait_for_line "run_stop test count = 1"
+status=$(wait_exit 10)
+[ "$status" = 0 ] || fail "exit status $status"
+check_terminal_restored
+
+# Quit while streaming, without a stress test: the entry point notices within its
+# one-second poll.
+start_shell "QRX100A"
+wait_for "LumoraShell>"
+type_line "search"
+type_line "select 0"
+wait_for_line "QRX100A:"
+expect_after "QRX100A:" "run" "-> result : success"
+type_line "quit"
+status=$(wait_exit 5)
+[ "$status" = 0 ] || fail "exit status $status after quitting while streaming"
+check_terminal_restored
+echo "streaming: passed"
