@@ -44,8 +44,30 @@ expect_after "$P" "run" "-> result : already running"
 expect_after "$P" "stop" "-> result : success"
 expect_after "$P" "stop" "-> result : invalid operation"
 expect_after "$P" "run x" "-> result : success"
+
+# Properties (tabs show as blanks on the screen): by key through the library, calibration of the camera, collections.
+expect_after "$P" "set amplitude_threshold 50" "-> result : success"
+expect_after "$P" "get amplitude_threshold" "-> result : amplitude_threshold, 50"
+expect_after "$P" "set amplitude_threshold high" "-> result : invalid parameter"
+expect_after "$P" "set model X" "-> result : invalid operation"
+expect_after "$P" "get no_such_key" "-> result : not supported"
+expect_after "$P" "get lenses" "        lenses = 1"
+expect_after "$P" "get distortion_coefficients" "-> result : distortion_coefficients"
+wait_for "skewCoefficient = 0.000000"
+expect_after "$P" "get fov" "        FoV : 70.000000(H) x 55.318736(V)"
+expect_after "$P" "get extrinsic_parameters" "        RotationParameters(r1[0]) = 1.000000"
+wait_for "translation(tz) = 0.000000"
+expect_after "$P" "getpl fw_info" "-> properties(fw_info) :"
+wait_for "+property : fw_version, 786"
+expect_after "$P" "setpl settings amplitude_threshold 70 framerate 15" "-> result : success"
+expect_after "$P" "get framerate" "-> result : framerate, 15.000000"
+expect_after "$P" "setpl settings amplitude_threshold" "-> result : invalid parameter"
+expect_after "$P" "setpl" "-> result : invalid parameter"
+expect_after "$P" "getpl" "-> result : not supported"
+
 expect_after "$P" "deselect" "-> result : success"
 P="LumoraShell>"
+expect_after "$P" "setpl settings framerate 10" "-> result : invalid parameter"
 expect_after "$P" "deselect" "-> result : not supported"
 
 # "help", byte for byte as the terminal receives it (its output flags turn "\n" into "\r\n").
@@ -70,7 +92,7 @@ wait_for_bytes $'H\r\n\r'"${help//$'\n'/$'\r\n'}"$'\rLumoraShell> '
 # "history" lists every line entered, numbered from 1.
 type_line "history"
 wait_for_line "1 run"
-wait_for_line "36 history"
+wait_for_line "52 history"
 
 type_line "quit"
 status=$(wait_exit 10)
