@@ -135,16 +135,19 @@ wait_exit() {
 # The screen line that follows the last line that is exactly $1.
 line_after() { screen | awk -v line="$1" '$0 == line { getline next_line; found = next_line } END { print found }'; }
 
-# At the prompt $1, types the command $2 and waits up to 10 seconds for the next line to
-# be $3.
-expect_after() {
-  local prompt=$1 command=$2 answer=$3
+# Waits up to 10 seconds for the line after the last line $1 to be $2.
+wait_for_after() {
   local deadline=$((SECONDS + 10))
-  type_line "$command"
-  until [ "$(line_after "$prompt $command")" = "$answer" ]; do
-    ((SECONDS < deadline)) || fail "\"$command\" at \"$prompt\" did not answer \"$answer\""
+  until [ "$(line_after "$1")" = "$2" ]; do
+    ((SECONDS < deadline)) || fail "no \"$2\" after \"$1\""
     sleep 0.05
   done
+}
+
+# At the prompt $1, types the command $2 and waits for the next line to be $3.
+expect_after() {
+  type_line "$2"
+  wait_for_after "$1 $2" "$3"
 }
 
 # Waits up to 10 seconds for $2 screen lines to be exactly $1.

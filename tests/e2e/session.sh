@@ -15,10 +15,10 @@ wait_for_line "QRX200AP: run"
 wait_for_line "-> result : success"
 type_line "stop"
 wait_for_line "QRX200AP: stop"
-[ "$(count_lines "-> result : success")" = 2 ] || fail "one result line for run and one for stop"
+wait_for_count "-> result : success" 2
 type_line "deselect"
 wait_for_line "QRX200AP: deselect"
-[ "$(count_lines "-> result : success")" = 3 ] || fail "deselect answers success"
+wait_for_count "-> result : success" 3
 type_line "version"
 wait_for_line "LumoraShell> version"
 wait_for_line "v2.3.0 : 2026-11-21"
