@@ -161,7 +161,7 @@ BENCHMARK(BM_PushConsumerWaiting)->Iterations(1)->Unit(benchmark::kMillisecond);
 // with a plain 1 ms sleep as a third lane: the platform's own wake-up tail, which no timed
 // wait can beat.
 void BM_PushFull(benchmark::State& state) {
-    constexpr std::uint64_t kPushes = 2000;
+    constexpr std::uint64_t kPushes = 5000;
     BareQueue bare;
     FrameQueue product;
     const auto payload = std::make_shared<int>(0);
