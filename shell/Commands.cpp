@@ -41,19 +41,13 @@ Outcome quit(ShellContext& context, const std::string& /*argument*/) {
 
 Outcome help(ShellContext& /*context*/, const std::string& /*argument*/) {
     static const char* const kLines[] = {
-        "\rUsage: [COMMAND]... [OPTION]...\n",
-        "\r\t search\t\tsearching for ToF camera device\n",
+        "\rUsage: [COMMAND]... [OPTION]...\n", "\r\t search\t\tsearching for ToF camera device\n",
         "\r\t select\t\tselect camera device in the searched list\n",
         "\r\t run\t\trun the selected camera device & You can see the image frames\n",
-        "\r\t stop\t\tstop the camera device\n",
-        "\r\t get\t\tget property from selected camera device\n",
-        "\r\t set\t\tset property to selected camera device\n",
-        "\r\t deselect\trelease the camera device\n",
-        "\r\t history\tdisplay manipulate the history list\n",
-        "\r\t version\tdisplay last released version\n",
-        "\r\t quit\t\trelease the camera device & exit\n",
-        "\r\t help\t\tdisplay this help\n",
-        "\r\nExamples:\n",
+        "\r\t stop\t\tstop the camera device\n", "\r\t get\t\tget property from selected camera device\n",
+        "\r\t set\t\tset property to selected camera device\n", "\r\t deselect\trelease the camera device\n",
+        "\r\t history\tdisplay manipulate the history list\n", "\r\t version\tdisplay last released version\n",
+        "\r\t quit\t\trelease the camera device & exit\n", "\r\t help\t\tdisplay this help\n", "\r\nExamples:\n",
         "\r\tselect 0\t\t\tselect ToF camera device index 0\n",
         // clang-format off
         "\r\tset amplitude_threshold 100\tsetting amplitude_threshold property with 100 to the selected camera device\n",

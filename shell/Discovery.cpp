@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "ColorMaps.h"
 #include "ResultPrinter.h"
 #include "SourceListener.h"
 #include "TextHelpers.h"
@@ -48,6 +49,9 @@ Outcome select(ShellContext& context, const std::string& argument) {
         const hs::Result result = context.camera->prepare();
         if (result != hs::RESULT_SUCCESS) print_result(result);
     }
+    const DisplayRanges ranges = display_ranges_for(name);
+    display::setDepthRange({ranges.depthMax, ranges.depthMin});
+    display::setGrayRange({ranges.grayMax, ranges.grayMin});
     return std::nullopt;
 }
 

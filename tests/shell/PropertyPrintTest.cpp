@@ -84,9 +84,14 @@ TEST(PropertyPrintTest, TypedTextBecomesStringFloatOrInteger) {
         hs::DataType type;
     };
     const Case cases[] = {
-        {"on", hs::DATA_TYPE_STRING},       {"", hs::DATA_TYPE_STRING},      {"12", hs::DATA_TYPE_INT32},
-        {"-7", hs::DATA_TYPE_INT32},        {"2.5", hs::DATA_TYPE_FLOAT64},  {"1e3", hs::DATA_TYPE_FLOAT64},
-        {"99999999999", hs::DATA_TYPE_FLOAT64}, {"12ab", hs::DATA_TYPE_STRING},
+        {"on", hs::DATA_TYPE_STRING},
+        {"", hs::DATA_TYPE_STRING},
+        {"12", hs::DATA_TYPE_INT32},
+        {"-7", hs::DATA_TYPE_INT32},
+        {"2.5", hs::DATA_TYPE_FLOAT64},
+        {"1e3", hs::DATA_TYPE_FLOAT64},
+        {"99999999999", hs::DATA_TYPE_FLOAT64},
+        {"12ab", hs::DATA_TYPE_STRING},
     };
     for (const Case& c : cases) {
         const auto property = make_typed_property("key", c.text);

@@ -1,0 +1,63 @@
+// "select" opens the camera and sets the display ranges its model is shown with.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include <halden/sensor/sim/SimControl.h>
+
+#include "ColorMaps.h"
+#include "Commands.h"
+#include "Discovery.h"
+
+namespace {
+
+using lumora::display::Range;
+using lumora::shell::run_command;
+
+TEST(SelectTest, ModelsHaveTheirDisplayRanges) {
+    for (const char* wide : {"QRX100A", "QRX100AW6", "QRX100AW9", "QRX500AAW", "T100K", "T110K"}) {
+        const auto ranges = lumora::shell::display_ranges_for(wide);
+        EXPECT_EQ(Range(ranges.depthMax, ranges.depthMin), Range(7000.0F, 0.0F)) << wide;
+        EXPECT_EQ(Range(ranges.grayMax, ranges.grayMin), Range(230.0F, 0.0F)) << wide;
+    }
+    const auto near = lumora::shell::display_ranges_for("QRX200AP");
+    EXPECT_EQ(Range(near.depthMax, near.depthMin), Range(4000.0F, 0.0F));
+    EXPECT_EQ(Range(near.grayMax, near.grayMin), Range(1400.0F, 0.0F));
+    for (const char* other : {"", "qrx100a", "QRX100", "QRX200APX"}) {
+        const auto ranges = lumora::shell::display_ranges_for(other);
+        EXPECT_EQ(Range(ranges.depthMax, ranges.depthMin), Range(3000.0F, 0.0F)) << other;
+        EXPECT_EQ(Range(ranges.grayMax, ranges.grayMin), Range(200.0F, 0.0F)) << other;
+    }
+}
+
+TEST(SelectTest, SelectAppliesTheModelsRangesAndDeselectKeepsThem) {
+    ::setenv("LUMORA_SIM_DEVICES", "QRX200AP,Generic,QRX100AW9", 1);
+    ASSERT_EQ(halden::sensor::sim::reset_devices(), halden::sensor::RESULT_SUCCESS);
+    lumora::shell::ShellContext context;
+    testing::internal::CaptureStdout();
+    run_command(context, "search");
+    const struct {
+        const char* index;
+        Range depth;
+        Range gray;
+    } cases[] = {
+        {"0", {4000.0F, 0.0F}, {1400.0F, 0.0F}},
+        {"1", {3000.0F, 0.0F}, {200.0F, 0.0F}},
+        {"2", {7000.0F, 0.0F}, {230.0F, 0.0F}},
+    };
+    for (const auto& c : cases) {
+        run_command(context, std::string("select ") + c.index);
+        ASSERT_TRUE(context.camera) << c.index;
+        EXPECT_EQ(*lumora::display::getDepthRange(), c.depth) << c.index;
+        EXPECT_EQ(*lumora::display::getGrayRange(), c.gray) << c.index;
+        run_command(context, "deselect");
+        EXPECT_FALSE(context.camera);
+        EXPECT_EQ(*lumora::display::getDepthRange(), c.depth) << "deselect leaves the ranges";
+    }
+    const std::string output = testing::internal::GetCapturedStdout();
+    EXPECT_NE(output.find("selected device(QRX100AW9:"), std::string::npos) << output;
+    ::unsetenv("LUMORA_SIM_DEVICES");
+    halden::sensor::sim::reset_devices();
+}
+
+}  // namespace
