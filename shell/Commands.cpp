@@ -88,8 +88,8 @@ Outcome stop(ShellContext& context, const std::string& /*argument*/) {
 
 }  // namespace
 
-const std::vector<Command>& commands() {
-    static const std::vector<Command> kCommands = {
+const std::array<Command, 14>& commands() {
+    static constexpr std::array<Command, 14> kCommands = {{
         {"quit", nullptr, quit},
         {"help", nullptr, help},
         {"version", nullptr, version},
@@ -104,7 +104,7 @@ const std::vector<Command>& commands() {
         {"setpl", nullptr, setpl},
         {"getpl", camera_and_argument, getpl},
         {"_run_stop_test", camera_running, start_stress_test},
-    };
+    }};
     return kCommands;
 }
 

@@ -2,10 +2,10 @@
 // Dispatch and the line editor's word list both read it, in its order.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "ShellContext.h"
 
@@ -22,7 +22,8 @@ struct Command {
     Outcome (*handler)(ShellContext& context, const std::string& argument);
 };
 
-const std::vector<Command>& commands();
+// Trivially destructible, so that it stays readable while a fatal signal ends the process.
+const std::array<Command, 14>& commands();
 
 // Runs one non-empty command line on the shell thread: the word before the first blank
 // picks the command, the text after that blank is its argument. A word that matches
