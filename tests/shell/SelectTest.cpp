@@ -31,6 +31,7 @@ TEST(SelectTest, ModelsHaveTheirDisplayRanges) {
 }
 
 TEST(SelectTest, SelectAppliesTheModelsRangesAndDeselectKeepsThem) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no library thread reads the environment
     ::setenv("LUMORA_SIM_DEVICES", "QRX200AP,Generic,QRX100AW9", 1);
     ASSERT_EQ(halden::sensor::sim::reset_devices(), halden::sensor::RESULT_SUCCESS);
     lumora::shell::ShellContext context;
@@ -56,7 +57,7 @@ TEST(SelectTest, SelectAppliesTheModelsRangesAndDeselectKeepsThem) {
     }
     const std::string output = testing::internal::GetCapturedStdout();
     EXPECT_NE(output.find("selected device(QRX100AW9:"), std::string::npos) << output;
-    ::unsetenv("LUMORA_SIM_DEVICES");
+    ::unsetenv("LUMORA_SIM_DEVICES");  // NOLINT(concurrency-mt-unsafe): every camera is closed
     halden::sensor::sim::reset_devices();
 }
 
