@@ -24,6 +24,17 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# Runs the command $2... every 50 ms until it succeeds, for at most 10 seconds; then fails
+# with the message $1.
+retry() {
+  local message=$1 deadline=$((SECONDS + 10))
+  shift
+  until "$@"; do
+    ((SECONDS < deadline)) || fail "$message"
+    sleep 0.05
+  done
+}
+
 fail() {
   echo "FAIL: $*" >&2
   echo "--- screen:" >&2
@@ -54,15 +65,10 @@ start_shell() {
 # Every byte written to the terminal so far.
 raw_output() { cat "$WORKDIR/raw" 2>/dev/null || true; }
 
-# Waits up to 10 seconds for the terminal to have received the bytes $1.
-wait_for_bytes() {
-  local deadline=$((SECONDS + 10))
-  while ((SECONDS < deadline)); do
-    [[ "$(raw_output)" == *"$1"* ]] && return 0
-    sleep 0.1
-  done
-  fail "the terminal did not receive $(printf '%q' "$1")"
-}
+received() { [[ "$(raw_output)" == *"$1"* ]]; }
+
+# Waits for the terminal to have received the bytes $1.
+wait_for_bytes() { retry "the terminal did not receive $(printf '%q' "$1")" received "$1"; }
 
 # Fails unless the terminal settings after the shell are those from before it.
 check_terminal_restored() {
@@ -71,16 +77,11 @@ check_terminal_restored() {
     fail "terminal settings changed: $(cat "$WORKDIR/stty.before") -> $(cat "$WORKDIR/stty.after" 2>/dev/null)"
 }
 
-# Waits up to $2 seconds (default 10) for a screen line to be exactly $1.
-wait_for_line() {
-  local line=$1 seconds=${2:-10}
-  local deadline=$((SECONDS + seconds))
-  while ((SECONDS < deadline)); do
-    screen | grep -qxF -- "$line" && return 0
-    sleep 0.1
-  done
-  fail "no line \"$line\" on the screen within ${seconds}s"
-}
+# True when the screen shows $2 with grep's options $1 (-F: anywhere, -xF: a whole line).
+shows() { screen | grep -q "$1" -- "$2"; }
+
+# Waits for a screen line to be exactly $1.
+wait_for_line() { retry "no line \"$1\" on the screen" shows -xF "$1"; }
 
 # How many screen lines are exactly $1.
 count_lines() { screen | grep -cxF -- "$1" || true; }
@@ -89,34 +90,23 @@ count_lines() { screen | grep -cxF -- "$1" || true; }
 screen() { tmux_ capture-pane -p -J -S - | sed 's/ *$//'; }
 
 cursor_x() { tmux_ display-message -p '#{cursor_x}'; }
+cursor_at() { [ "$(cursor_x)" -eq "$1" ]; }
 
 # Types $1 as a person does, one key at a time: the editor asks the terminal where the
 # cursor is for every character, and a key typed before that answer would spoil it. The
 # next key goes once the cursor has moved past the last one. Then Enter.
 type_line() {
-  local text=$1 start i deadline
+  local text=$1 start i
   start=$(cursor_x)
   for ((i = 0; i < ${#text}; i++)); do
     tmux_ send-keys -l -- "${text:i:1}"
-    deadline=$((SECONDS + 10))
-    until [ "$(cursor_x)" -eq $((start + i + 1)) ]; do
-      ((SECONDS < deadline)) || fail "the editor did not take \"${text:0:i+1}\""
-      sleep 0.01
-    done
+    retry "the editor did not take \"${text:0:i+1}\"" cursor_at $((start + i + 1))
   done
   tmux_ send-keys Enter
 }
 
-# Waits up to $2 seconds (default 10) for the screen to show the fixed text $1.
-wait_for() {
-  local text=$1 seconds=${2:-10}
-  local deadline=$((SECONDS + seconds))
-  while ((SECONDS < deadline)); do
-    screen | grep -qF -- "$text" && return 0
-    sleep 0.1
-  done
-  fail "no \"$text\" on the screen within ${seconds}s"
-}
+# Waits for the screen to show the fixed text $1.
+wait_for() { retry "no \"$1\" on the screen" shows -F "$1"; }
 
 # Waits up to $1 seconds for the program to end; prints its exit status.
 wait_exit() {
@@ -135,14 +125,10 @@ wait_exit() {
 # The screen line that follows the last line that is exactly $1.
 line_after() { screen | awk -v line="$1" '$0 == line { getline next_line; found = next_line } END { print found }'; }
 
-# Waits up to 10 seconds for the line after the last line $1 to be $2.
-wait_for_after() {
-  local deadline=$((SECONDS + 10))
-  until [ "$(line_after "$1")" = "$2" ]; do
-    ((SECONDS < deadline)) || fail "no \"$2\" after \"$1\""
-    sleep 0.05
-  done
-}
+follows() { [ "$(line_after "$1")" = "$2" ]; }
+
+# Waits for the line after the last line $1 to be $2.
+wait_for_after() { retry "no \"$2\" after \"$1\"" follows "$1" "$2"; }
 
 # At the prompt $1, types the command $2 and waits for the next line to be $3.
 expect_after() {
@@ -150,11 +136,17 @@ expect_after() {
   wait_for_after "$1 $2" "$3"
 }
 
-# Waits up to 10 seconds for $2 screen lines to be exactly $1.
-wait_for_count() {
-  local deadline=$((SECONDS + 10))
-  until [ "$(count_lines "$1")" -ge "$2" ]; do
-    ((SECONDS < deadline)) || fail "fewer than $2 lines \"$1\""
-    sleep 0.05
-  done
+at_least() { [ "$(count_lines "$1")" -ge "$2" ]; }
+
+# Waits for $2 screen lines to be exactly $1.
+wait_for_count() { retry "fewer than $2 lines \"$1\"" at_least "$1" "$2"; }
+
+# Starts the shell with one QRX100A, selects it and runs it.
+start_streaming() {
+  start_shell "QRX100A"
+  wait_for "LumoraShell>"
+  type_line "search"
+  type_line "select 0"
+  wait_for_line "QRX100A:"
+  expect_after "QRX100A:" "run" "-> result : success"
 }

@@ -43,12 +43,7 @@ check_terminal_restored
 
 # Quit while streaming, without a stress test: the entry point notices within its
 # one-second poll.
-start_shell "QRX100A"
-wait_for "LumoraShell>"
-type_line "search"
-type_line "select 0"
-wait_for_line "QRX100A:"
-expect_after "QRX100A:" "run" "-> result : success"
+start_streaming
 type_line "quit"
 status=$(wait_exit 5)
 [ "$status" = 0 ] || fail "exit status $status after quitting while streaming"
