@@ -12,13 +12,4 @@ Outcome search(ShellContext& context, const std::string& argument);
 Outcome select(ShellContext& context, const std::string& argument);
 Outcome deselect(ShellContext& context, const std::string& argument);
 
-// The display ranges a model's depth and amplitude are shown with, each as (max, min).
-struct DisplayRanges {
-    float depthMax;
-    float depthMin;
-    float grayMax;
-    float grayMin;
-};
-DisplayRanges display_ranges_for(const std::string& model);
-
 }  // namespace lumora::shell

@@ -7,28 +7,11 @@
 
 #include "ColorMaps.h"
 #include "Commands.h"
-#include "Discovery.h"
 
 namespace {
 
 using lumora::display::Range;
 using lumora::shell::run_command;
-
-TEST(SelectTest, ModelsHaveTheirDisplayRanges) {
-    for (const char* wide : {"QRX100A", "QRX100AW6", "QRX100AW9", "QRX500AAW", "T100K", "T110K"}) {
-        const auto ranges = lumora::shell::display_ranges_for(wide);
-        EXPECT_EQ(Range(ranges.depthMax, ranges.depthMin), Range(7000.0F, 0.0F)) << wide;
-        EXPECT_EQ(Range(ranges.grayMax, ranges.grayMin), Range(230.0F, 0.0F)) << wide;
-    }
-    const auto near = lumora::shell::display_ranges_for("QRX200AP");
-    EXPECT_EQ(Range(near.depthMax, near.depthMin), Range(4000.0F, 0.0F));
-    EXPECT_EQ(Range(near.grayMax, near.grayMin), Range(1400.0F, 0.0F));
-    for (const char* other : {"", "qrx100a", "QRX100", "QRX200APX"}) {
-        const auto ranges = lumora::shell::display_ranges_for(other);
-        EXPECT_EQ(Range(ranges.depthMax, ranges.depthMin), Range(3000.0F, 0.0F)) << other;
-        EXPECT_EQ(Range(ranges.grayMax, ranges.grayMin), Range(200.0F, 0.0F)) << other;
-    }
-}
 
 TEST(SelectTest, SelectAppliesTheModelsRangesAndDeselectKeepsThem) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no library thread reads the environment
