@@ -1,6 +1,7 @@
 # Helpers for end-to-end tests: the shell runs in a real terminal (a tmux pane, on a
 # server of the test's own), keys are typed with send-keys and the screen is read with
-# capture-pane. Every wait is bounded.
+# capture-pane. Every wait is bounded. The shell gets a display of its own (an Xvfb server
+# started with the first shell) unless NO_DISPLAY=1.
 set -euo pipefail
 
 SHELL_BIN=$(realpath "${1:?usage: $0 path/to/lumora-shell}")
@@ -8,7 +9,9 @@ SOCKET=""
 WORKDIR=$(mktemp -d)
 SHELLS=0
 echo "set-option -g remain-on-exit on" >"$WORKDIR/tmux.conf"
-unset LUMORA_SIM_DEVICES
+unset LUMORA_SIM_DEVICES DISPLAY
+XVFB_PID=""
+XDISPLAY=""
 
 tmux_() { tmux -L "$SOCKET" "$@"; }
 
@@ -18,8 +21,18 @@ stop_shell() {
   SOCKET=""
 }
 
+# Starts the test's own X server once; Xvfb picks a free display number and tells it.
+start_display() {
+  [ -n "$XDISPLAY" ] && return 0
+  Xvfb -displayfd 3 -screen 0 1280x1024x24 -nolisten tcp 3>"$WORKDIR/displayfd" 2>/dev/null &
+  XVFB_PID=$!
+  retry "Xvfb did not start" test -s "$WORKDIR/displayfd"
+  XDISPLAY=":$(cat "$WORKDIR/displayfd")"
+}
+
 cleanup() {
   stop_shell
+  [ -n "$XVFB_PID" ] && kill "$XVFB_PID" 2>/dev/null || true
   rm -rf "$WORKDIR"
 }
 trap cleanup EXIT
@@ -43,7 +56,8 @@ fail() {
 }
 
 # Starts the shell in an 80x24 pane; with an argument, the simulated library's device list
-# LUMORA_SIM_DEVICES is set to it (else the library's default devices). A wrapper keeps the
+# LUMORA_SIM_DEVICES is set to it (else the library's default devices). The shell's display
+# is the test's X server, or none with NO_DISPLAY=1. A wrapper keeps the
 # terminal settings from before and after the shell (stty -g) and writes its exit status to
 # a file when it ends; the pane stays, so the last screen can still be read. Every byte the
 # shell writes is kept too. Job control puts the shell in a process group of its own, as an
@@ -52,9 +66,13 @@ start_shell() {
   stop_shell
   SOCKET="lumora-e2e-$$-$((++SHELLS))"
   rm -f "$WORKDIR/status" "$WORKDIR/raw" "$WORKDIR/stty.before" "$WORKDIR/stty.after"
-  local devices=()
-  [ $# -gt 0 ] && devices=(-e "LUMORA_SIM_DEVICES=$1")
-  tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${devices[@]}" \
+  local environment=()
+  [ $# -gt 0 ] && environment=(-e "LUMORA_SIM_DEVICES=$1")
+  if [ "${NO_DISPLAY:-0}" != 1 ]; then
+    start_display
+    environment+=(-e "DISPLAY=$XDISPLAY")
+  fi
+  tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${environment[@]}" \
     bash -c 'set -m; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
     "$SHELL_BIN"
   tmux_ pipe-pane -o "cat >>'$WORKDIR/raw'"
