@@ -2,7 +2,6 @@
 
 #include <cstdio>
 
-#include "Terminal.h"
 #include "TextHelpers.h"
 
 #include "Discovery.h"
@@ -63,8 +62,8 @@ Outcome version(ShellContext& /*context*/, const std::string& /*argument*/) {
     return std::nullopt;
 }
 
-Outcome history(ShellContext& /*context*/, const std::string& /*argument*/) {
-    terminal::Terminal::getInstance().printHistory();
+Outcome history(ShellContext& context, const std::string& /*argument*/) {
+    if (context.history != nullptr) context.history->print();
     return std::nullopt;
 }
 

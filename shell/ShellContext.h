@@ -9,6 +9,8 @@
 
 #include <halden/sensor/Lumora.h>
 
+#include "History.h"
+
 namespace lumora::shell {
 
 struct ShellContext {
@@ -27,6 +29,9 @@ struct ShellContext {
     std::string promptName;
     // The last frame selector given to "run"; the stress test reads it too.
     std::atomic<std::int32_t> runArgument{6};
+    // The lines entered so far, kept by whichever reads them: the line editor on a
+    // terminal, the script reader otherwise.
+    const terminal::History* history = nullptr;
 
     // Ends the run/stop stress test: clear `running`, then wait for its thread.
     void stopStressTest() {

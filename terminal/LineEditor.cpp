@@ -1,4 +1,4 @@
-// The line editor: the key loop of Terminal::readLine and the history behind it.
+// The line editor: the key loop of Terminal::readLine.
 //
 // The cursor column is never tracked here; every key that needs it asks the terminal, so
 // the editor stays right whatever else wrote to the screen.
@@ -7,11 +7,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <limits>
-#include <stdexcept>
 
 #include "Terminal.h"
-#include "TextHelpers.h"
 
 namespace lumora::terminal {
 
@@ -21,8 +18,6 @@ constexpr int kEnter = 10;
 constexpr int kBackspace = 127;
 constexpr int kTab = 9;
 constexpr int kEscape = 27;
-constexpr std::int32_t kLastHistoryNumber = std::numeric_limits<std::int32_t>::max() - 1;
-constexpr size_t kHistoryLimit = std::numeric_limits<std::int32_t>::max() - 1;
 // Completion lists four matches on the first row and five on each further row.
 constexpr int kMatchesPerRow = 4;
 
@@ -193,39 +188,19 @@ void Terminal::complete() {
     printPrompt(false);
 }
 
-void Terminal::recallHistoryEntry() {
-    const std::string number(mLineBuffer.begin() + 1, mLineBuffer.end());
-    if (!isInteger(number)) return;
-    std::int32_t wanted = -1;
-    try {
-        wanted = toInt(number, -1);
-    } catch (const std::out_of_range&) {
-        return;
-    }
-    if (wanted < 0) return;
-    const auto entry =
-        std::find_if(mHistory.begin(), mHistory.end(), [wanted](const HistoryEntry& e) { return e.number == wanted; });
-    if (entry == mHistory.end()) return;
-    newLine();
-    write(entry->text);
-    mLineBuffer.assign(entry->text.begin(), entry->text.end());
-}
-
 std::string Terminal::finishLine() {
-    if (mLineBuffer.size() >= 2 && mLineBuffer.front() == '!') recallHistoryEntry();
+    if (const std::string* recalled = mHistory.recall(std::string(mLineBuffer.begin(), mLineBuffer.end()))) {
+        newLine();
+        write(*recalled);
+        mLineBuffer.assign(recalled->begin(), recalled->end());
+    }
     newLine();
     mHistoryIndex = -1;
     if (mLineBuffer.empty()) return {};
     std::string line(mLineBuffer.begin(), mLineBuffer.end());
     line.erase(line.find_last_not_of(" \n\r\t") + 1);
-    addHistory(line);
+    mHistory.add(line);
     return line;
-}
-
-void Terminal::addHistory(const std::string& text) {
-    if (mHistory.size() > kHistoryLimit) mHistory.pop_front();
-    const std::int32_t next = mHistory.empty() ? 1 : mHistory.back().number + 1;
-    mHistory.push_back({next > kLastHistoryNumber ? 1 : next, text});
 }
 
 }  // namespace lumora::terminal

@@ -177,9 +177,6 @@ void Terminal::echoCharacter(char c) { write_all(STDOUT_FILENO, &c, 1); }
 
 void Terminal::write(const std::string& text) { write_all(STDOUT_FILENO, text.data(), text.size()); }
 
-void Terminal::printHistory() {
-    for (const HistoryEntry& entry : mHistory)
-        write(std::to_string(entry.number) + " " + entry.text + "\n");
-}
+void Terminal::printHistory() { mHistory.print(); }
 
 }  // namespace lumora::terminal

@@ -15,9 +15,10 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <string>
 #include <vector>
+
+#include "History.h"
 
 namespace lumora::terminal {
 
@@ -25,11 +26,6 @@ namespace lumora::terminal {
 struct CursorPosition {
     std::int32_t row = -1;
     std::int32_t column = -1;
-};
-
-struct HistoryEntry {
-    std::int32_t number;
-    std::string text;
 };
 
 class Terminal {
@@ -68,7 +64,7 @@ public:
     // Tab completion offers these words, in the order added; adding one twice keeps one.
     void addCommandWord(const std::string& word);
     void removeCommandWord(const std::string& word);
-    const std::deque<HistoryEntry>& history() const { return mHistory; }
+    const History& history() const { return mHistory; }
 
 private:
     Terminal();
@@ -82,10 +78,8 @@ private:
     void historyDown();
     void complete();
     std::string finishLine();
-    void recallHistoryEntry();
     void showLine();
     void showHistoryEntry();
-    void addHistory(const std::string& text);
     // The prompt is drawn as "\r", the prompt and one blank, so the line's first character
     // stands in column promptLength() + 2.
     std::int64_t promptLength() const { return static_cast<std::int64_t>(mPrompt.size()); }
@@ -94,7 +88,7 @@ private:
     std::string mPrompt;
     std::vector<char> mLineBuffer;
     std::vector<std::string> mCommandWords;
-    std::deque<HistoryEntry> mHistory;
+    History mHistory;
     int mFd = -1;
 };
 

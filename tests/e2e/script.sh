@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Commands from a pipe: each line shown after its prompt and run as typed, comments
+# skipped, "!N" recalled, no control sequences, no busy wait while the pipe is quiet, and
+# the end of the input closing a running camera and ending the process with status 0.
+source "$(dirname "$0")/lib.sh"
+
+out="$WORKDIR/script.out"
+fifo="$WORKDIR/script.in"
+mkfifo "$fifo"
+LUMORA_SIM_DEVICES=QRX100A "$SHELL_BIN" <"$fifo" >"$out" 2>&1 &
+pid=$!
+exec 4>"$fifo"
+printf 'search\n# select 5\nselect 0\r\n\nhistory\n!1\nrun 6\n' >&4
+retry "no result of run" grep -qx -- "-> result : success" "$out"
+# The shell waits on the quiet pipe: it must not spin.
+ticks_before=$(awk '{print $14 + $15}' "/proc/$pid/stat")
+sleep 2
+ticks_after=$(awk '{print $14 + $15}' "/proc/$pid/stat")
+((ticks_after - ticks_before < 100)) || fail "the shell used $((ticks_after - ticks_before)) ticks in 2 s on a quiet pipe"
+printf 'get width' >&4
+exec 4>&-
+deadline=$((SECONDS + 10))
+while kill -0 "$pid" 2>/dev/null && ((SECONDS < deadline)); do sleep 0.1; done
+kill -0 "$pid" 2>/dev/null && fail "the shell did not end with its input"
+wait "$pid" || fail "exit status $? at the end of the input"
+
+grep -q $'\e' "$out" && fail "a control sequence in the output: $(cat -A "$out")"
+expected=(
+  "LumoraShell> search"
+  "0) source name : QRX100A, serialNumber : LM0536240000, uri : sim:0"
+  "LumoraShell> select 0"
+  "selected device(QRX100A:LM0536240000)"
+  "QRX100A: "
+  "QRX100A: history"
+  "1 search"
+  "2 select 0"
+  "3 history"
+  "QRX100A: !1"
+  "search"
+  "-> result : invalid operation"
+  "QRX100A: run 6"
+  "-> result : success"
+  "QRX100A: get width"
+  "-> result : width, 640"
+)
+mapfile -t got < <(tr -d '\r' <"$out" | grep -v -e '^onLumora' -e '^FrameDumpSink:')
+[ "${got[*]}" = "${expected[*]}" ] || fail "transcript: $(printf '\n  %s' "${got[@]}")"
+echo "script: passed"
