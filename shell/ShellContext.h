@@ -9,6 +9,10 @@
 
 #include <halden/sensor/Lumora.h>
 
+namespace lumora::dump {
+class FrameDumpSink;
+}  // namespace lumora::dump
+
 namespace lumora::shell {
 
 struct ShellContext {
@@ -27,6 +31,8 @@ struct ShellContext {
     std::string promptName;
     // The last frame selector given to "run"; the stress test reads it too.
     std::atomic<std::int32_t> runArgument{6};
+    // Owned by the entry point, which outlives the shell thread.
+    dump::FrameDumpSink* dumpSink = nullptr;
 
     // Ends the run/stop stress test: clear `running`, then wait for its thread.
     void stopStressTest() {
