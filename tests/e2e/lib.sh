@@ -51,7 +51,7 @@ retry() {
 fail() {
   echo "FAIL: $*" >&2
   echo "--- screen:" >&2
-  screen >&2 || true
+  raw_screen >&2 || true
   exit 1
 }
 
@@ -104,21 +104,47 @@ wait_for_line() { retry "no line \"$1\" on the screen" shows -xF "$1"; }
 # How many screen lines are exactly $1.
 count_lines() { screen | grep -cxF -- "$1" || true; }
 
-# The whole screen and its scrollback, trailing blanks cut.
-screen() { tmux_ capture-pane -p -J -S - | sed 's/ *$//'; }
+# The whole screen and its scrollback as the terminal shows it.
+raw_screen() { tmux_ capture-pane -p -J -S -; }
+
+# The screen and its scrollback, trailing blanks cut, without the sinks' trace lines
+# ("FrameDumpSink:onLumoraCameraState:NN source(sim:0) state = 3", and the renderer's
+# "onLumoraCameraState:NN source(sim:0) state = 3"). They come from library threads at any
+# moment, also right after a prompt or within a line being typed; each is cut with its end
+# of line, so the line it broke reads whole again.
+screen() {
+  raw_screen | perl -0pe 's/(?:FrameDumpSink:)?on[A-Za-z]+:[0-9]+ source\([^)\n]*\)(?: (?:state|error) = -?[0-9]+)?\n//g' |
+    sed 's/ *$//'
+}
 
 cursor_x() { tmux_ display-message -p '#{cursor_x}'; }
 cursor_at() { [ "$(cursor_x)" -eq "$1" ]; }
+cursor_position() { tmux_ display-message -p '#{cursor_x},#{cursor_y}'; }
+cursor_left() { [ "$(cursor_position)" != "$1" ]; }
+
+# Waits (at most 2 s) until the terminal has received nothing for 0.1 s, so that trace
+# lines a command set off have come before the next line is typed.
+wait_quiet() {
+  local size last=-1 deadline=$((SECONDS + 2))
+  while ((SECONDS < deadline)); do
+    size=$(stat -c %s "$WORKDIR/raw" 2>/dev/null || echo 0)
+    [ "$size" = "$last" ] && return 0
+    last=$size
+    sleep 0.1
+  done
+}
 
 # Types $1 as a person does, one key at a time: the editor asks the terminal where the
 # cursor is for every character, and a key typed before that answer would spoil it. The
-# next key goes once the cursor has moved past the last one. Then Enter.
+# next key goes once the cursor has moved from where it was (a trace line may have moved
+# it to a new line). Then Enter.
 type_line() {
-  local text=$1 start i
-  start=$(cursor_x)
+  local text=$1 i position
+  wait_quiet
   for ((i = 0; i < ${#text}; i++)); do
+    position=$(cursor_position)
     tmux_ send-keys -l -- "${text:i:1}"
-    retry "the editor did not take \"${text:0:i+1}\"" cursor_at $((start + i + 1))
+    retry "the editor did not take \"${text:0:i+1}\"" cursor_left "$position"
   done
   tmux_ send-keys Enter
 }
