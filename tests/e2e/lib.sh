@@ -68,12 +68,15 @@ start_shell() {
   rm -f "$WORKDIR/status" "$WORKDIR/raw" "$WORKDIR/stty.before" "$WORKDIR/stty.after"
   local environment=()
   [ $# -gt 0 ] && environment=(-e "LUMORA_SIM_DEVICES=$1")
+  # FILE_SIZE_LIMIT (KiB) caps the files the shell writes, as a full disk would, with
+  # SIGXFSZ ignored so that a write fails instead of ending the process.
+  [ -n "${FILE_SIZE_LIMIT:-}" ] && environment+=(-e "LUMORA_E2E_FSIZE=$FILE_SIZE_LIMIT")
   if [ "${NO_DISPLAY:-0}" != 1 ]; then
     start_display
     environment+=(-e "DISPLAY=$XDISPLAY")
   fi
   tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${environment[@]}" \
-    bash -c 'set -m; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
+    bash -c 'set -m; [ -n "${LUMORA_E2E_FSIZE:-}" ] && { ulimit -f "$LUMORA_E2E_FSIZE"; trap "" XFSZ; }; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
     "$SHELL_BIN"
   tmux_ pipe-pane -o "cat >>'$WORKDIR/raw'"
   # The wrapper waits for this line, so that no byte of the shell's escapes the recording.
@@ -117,12 +120,14 @@ screen() {
     sed 's/ *$//'
 }
 
-cursor_x() { tmux_ display-message -p '#{cursor_x}'; }
-cursor_at() { [ "$(cursor_x)" -eq "$1" ]; }
 cursor_position() { tmux_ display-message -p '#{cursor_x},#{cursor_y}'; }
-cursor_left() { [ "$(cursor_position)" != "$1" ]; }
+# True once the cursor is no longer at $1; its position is then in MOVED_TO.
+cursor_left() {
+  MOVED_TO=$(cursor_position)
+  [ "$MOVED_TO" != "$1" ]
+}
 
-# Waits (at most 2 s) until the terminal has received nothing for 0.1 s, so that trace
+# Waits (at most 2 s) until the terminal has received nothing for 50 ms, so that trace
 # lines a command set off have come before the next line is typed.
 wait_quiet() {
   local size last=-1 deadline=$((SECONDS + 2))
@@ -130,21 +135,29 @@ wait_quiet() {
     size=$(stat -c %s "$WORKDIR/raw" 2>/dev/null || echo 0)
     [ "$size" = "$last" ] && return 0
     last=$size
-    sleep 0.1
+    sleep 0.05
   done
 }
 
 # Types $1 as a person does, one key at a time: the editor asks the terminal where the
 # cursor is for every character, and a key typed before that answer would spoil it. The
 # next key goes once the cursor has moved from where it was (a trace line may have moved
-# it to a new line). Then Enter.
+# it to a new line). Then Enter. A trace line printed after the prompt leaves the cursor at
+# the start of a line, where the editor would take the text for the middle of its line:
+# an empty line first brings a fresh prompt, as a person would press Enter.
 type_line() {
   local text=$1 i position
   wait_quiet
+  position=$(cursor_position)
+  if [ "${position%,*}" = 0 ]; then
+    tmux_ send-keys Enter
+    retry "no fresh prompt" cursor_left "$position"
+    position=$MOVED_TO
+  fi
   for ((i = 0; i < ${#text}; i++)); do
-    position=$(cursor_position)
     tmux_ send-keys -l -- "${text:i:1}"
     retry "the editor did not take \"${text:0:i+1}\"" cursor_left "$position"
+    position=$MOVED_TO
   done
   tmux_ send-keys Enter
 }
