@@ -1,7 +1,6 @@
 #include "DumpFormat.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include <sys/types.h>
 
@@ -9,8 +8,9 @@ namespace lumora::dump {
 
 void fill_text_field(char* field, std::size_t width, const std::string& text) {
     if (width == 0) return;
-    std::memset(field, 0, width);
-    std::memcpy(field, text.data(), std::min(text.size(), width - 1));
+    const std::size_t length = std::min(text.size(), width - 1);
+    std::copy_n(text.data(), length, field);
+    std::fill(field + length, field + width, '\0');
 }
 
 std::optional<std::string> source_type_of(const std::string& uri) {

@@ -30,10 +30,10 @@ hs::Result DumpWriter::writeRecord(const frame_header& header, Bytes embeddedLin
     std::vector<Bytes> parts{{&header, sizeof header}};
     if (embeddedLine.size != 0) parts.push_back(embeddedLine);
     parts.insert(parts.end(), blocks.begin(), blocks.end());
-    return writeAll(std::move(parts));
+    return writeAll(parts);
 }
 
-hs::Result DumpWriter::writeAll(std::vector<Bytes> parts) {
+hs::Result DumpWriter::writeAll(const std::vector<Bytes>& parts) {
     if (mFd < 0) return hs::RESULT_FAIL;
     std::vector<iovec> vectors;
     for (const Bytes& part : parts)

@@ -41,7 +41,7 @@ public:
     int lastError() const { return mError; }
 
 private:
-    halden::sensor::Result writeAll(std::vector<Bytes> parts);
+    halden::sensor::Result writeAll(const std::vector<Bytes>& parts);
 
     int mFd = -1;
     int mError = 0;

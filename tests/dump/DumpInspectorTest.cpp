@@ -78,8 +78,8 @@ const char* const kBlockLines[] = {
     "  - [Reading Depth frame data...]\n",
     "  - [Reading Depth frame data...]\n  - [Reading Amplitude frame data...]\n",
     "  - [Reading PCL X frame data...]\n  - [Reading PCL Y frame data...]\n  - [Reading PCL Z frame data...]\n",
-    "  - [Reading IPCL X frame data...]\n  - [Reading IPCL Y frame data...]\n  - [Reading IPCL Z frame data...]\n"
-    "  - [Reading IPCL I frame data...]\n",
+    ("  - [Reading IPCL X frame data...]\n  - [Reading IPCL Y frame data...]\n  - [Reading IPCL Z frame data...]\n"
+     "  - [Reading IPCL I frame data...]\n"),
 };
 
 class DumpInspectorTest : public InScratchDirectory {

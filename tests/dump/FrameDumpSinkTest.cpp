@@ -51,7 +51,7 @@ std::vector<std::uint8_t> plane_bytes(const std::shared_ptr<hs::LumoraFrame>& fr
     return {data, data + size};
 }
 
-std::shared_ptr<hs::LumoraFrameList> list_of(std::vector<std::shared_ptr<hs::LumoraFrame>> frames) {
+std::shared_ptr<hs::LumoraFrameList> list_of(const std::vector<std::shared_ptr<hs::LumoraFrame>>& frames) {
     return hs::sim::make_frame_list(frames);
 }
 
