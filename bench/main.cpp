@@ -99,7 +99,7 @@ int main(int argc, char** argv) {
     std::printf("\n");
     for (int mode = 0; mode < 4; ++mode) {
         const auto dump = recorder.get("BM_Dump300VgaFrames/" + std::to_string(mode) + "/iterations:1");
-        const std::string figure = "300-frame VGA dump at 30 fps, mode " + std::to_string(mode) + ": lists lost";
+        const std::string figure = "VGA dump of 300 at 30 fps, mode " + std::to_string(mode) + ", lists lost";
         row(figure.c_str(), counterOf(dump, "lost"), "", 0.0, "0");
     }
     const auto depthAmplitude = recorder.get("BM_Dump300VgaFrames/1/iterations:1");

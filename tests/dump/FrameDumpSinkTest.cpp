@@ -191,18 +191,21 @@ TEST_F(FrameDumpSinkTest, RunningIndexWrapsAndSkips) {
     EXPECT_EQ(fs::file_size(files[0]), 69U);
 }
 
-// Each mode writes its blocks in order at its element size; a VGA mode-3 record carries
-// 4 x 640 x 480 x 4 bytes after its header. Mode 2 on intensity clouds alone is taken but
-// writes no record.
+// Each mode writes its blocks in order at its element size; a mode-3 record carries
+// 4 x width x height x 4 bytes after its header. Mode 2 on intensity clouds alone is taken
+// but writes no record. (Frames are small: a list must reach the writer within its 100 ms,
+// also where ThreadSanitizer slows the copy down.)
 TEST_F(FrameDumpSinkTest, ModesWriteTheirBlocks) {
+    constexpr int kWidth = 160;
+    constexpr int kHeight = 120;
     auto source = std::make_shared<FakeSource>("QRX100A", "LM01", "sim:0");
     FakeCamera camera(source, 7, false);
     FrameDumpSink sink;
     startRunning(sink, camera);
-    const auto depth = patterned_frame(FT::FRAME_DEPTH, 640, 480, 5, 1);
-    const auto amplitude = patterned_frame(FT::FRAME_AMPLITUDE, 640, 480, 5, 2);
-    const auto cloud = patterned_frame(FT::FRAME_POINTCLOUD, 640, 480, 5, 3);
-    const auto intensityCloud = patterned_frame(FT::FRAME_INTENSITY_POINTCLOUD, 640, 480, 5, 4);
+    const auto depth = patterned_frame(FT::FRAME_DEPTH, kWidth, kHeight, 5, 1);
+    const auto amplitude = patterned_frame(FT::FRAME_AMPLITUDE, kWidth, kHeight, 5, 2);
+    const auto cloud = patterned_frame(FT::FRAME_POINTCLOUD, kWidth, kHeight, 5, 3);
+    const auto intensityCloud = patterned_frame(FT::FRAME_INTENSITY_POINTCLOUD, kWidth, kHeight, 5, 4);
     const auto all = list_of({depth, amplitude, cloud, intensityCloud});
     const std::vector<std::vector<std::uint8_t>> blocks[] = {
         {plane_bytes(depth, 0, 2)},
@@ -222,7 +225,7 @@ TEST_F(FrameDumpSinkTest, ModesWriteTheirBlocks) {
         const auto bytes = read_file(files[0]);
         fs::remove(files[0]);
         const std::size_t element = mode < 2 ? 2 : 4;
-        ASSERT_EQ(bytes.size(), 69 + 15 + blocks[mode].size() * 640 * 480 * element);
+        ASSERT_EQ(bytes.size(), 69 + 15 + blocks[mode].size() * kWidth * kHeight * element);
         Parser p{bytes, 5};
         EXPECT_EQ(p.number(2), mode);
         p.at = 69 + 5;
