@@ -30,10 +30,13 @@ dump_complete() {
 
 # Dumps $2 lists in mode $1 at the prompt, waits for the file and moves it to $3.
 dump() {
-  local before finished
+  local before finished results
   before=$(skips)
   finished=$(count_lines "Frame dump finished!")
-  expect_after "$P" "set frame_dump $1 $2" "-> result : success"
+  results=$(count_lines "-> result : success")
+  # The writer's log entries may come before the result line.
+  type_line "set frame_dump $1 $2"
+  wait_for_count "-> result : success" $((results + 1))
   wait_for_count "Frame dump finished!" $((finished + 1))
   retry "no complete dump of $2 in mode $1" dump_complete "${RECORD[$1]}" "$2" "$before"
   mv "$WORKDIR"/QRX100A_LM*_framedump_*.lmr "$WORKDIR/$3"

@@ -37,14 +37,14 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# Runs the command $2... every 50 ms until it succeeds, for at most 10 seconds; then fails
-# with the message $1.
+# Runs the command $2... every 50 ms (RETRY_PAUSE seconds when set) until it succeeds, for
+# at most 10 seconds; then fails with the message $1.
 retry() {
   local message=$1 deadline=$((SECONDS + 10))
   shift
   until "$@"; do
     ((SECONDS < deadline)) || fail "$message"
-    sleep 0.05
+    sleep "${RETRY_PAUSE:-0.05}"
   done
 }
 
@@ -156,7 +156,8 @@ type_line() {
   fi
   for ((i = 0; i < ${#text}; i++)); do
     tmux_ send-keys -l -- "${text:i:1}"
-    retry "the editor did not take \"${text:0:i+1}\"" cursor_left "$position"
+    # The editor answers within milliseconds: a short pause keeps typing near a person's pace.
+    RETRY_PAUSE=0.01 retry "the editor did not take \"${text:0:i+1}\"" cursor_left "$position"
     position=$MOVED_TO
   done
   tmux_ send-keys Enter
