@@ -17,6 +17,9 @@ expect_log_after() {
 log_follows() { [[ "$(line_after "$1")" =~ ^[EDIW]/FrameDumpSink:[0-9]+:\ (.*)$ && "${BASH_REMATCH[1]}" == "$2" ]]; }
 
 skips() { screen | grep -cF -- "$SKIP" || true; }
+# "Frame dump finished!" comes from the camera's thread, also right after a prompt.
+finished() { screen | grep -cF "Frame dump finished!" || true; }
+finished_at_least() { [ "$(finished)" -ge "$1" ]; }
 
 # True when the one dump file holds whole records of $1 bytes which, with the lists
 # skipped for want of an embedded line since $3 skips, make $2.
@@ -32,12 +35,12 @@ dump_complete() {
 dump() {
   local before finished results
   before=$(skips)
-  finished=$(count_lines "Frame dump finished!")
+  finished=$(finished)
   results=$(count_lines "-> result : success")
   # The writer's log entries may come before the result line.
   type_line "set frame_dump $1 $2"
   wait_for_count "-> result : success" $((results + 1))
-  wait_for_count "Frame dump finished!" $((finished + 1))
+  retry "no \"Frame dump finished!\" for mode $1" finished_at_least $((finished + 1))
   retry "no complete dump of $2 in mode $1" dump_complete "${RECORD[$1]}" "$2" "$before"
   mv "$WORKDIR"/QRX100A_LM*_framedump_*.lmr "$WORKDIR/$3"
 }
@@ -71,7 +74,7 @@ for mode in 0 1 2 3; do
   dump $mode 5 "mode$mode.lmr"
   [ "$(od -An -tu1 -j2 -N1 "$WORKDIR/mode$mode.lmr" | tr -d ' ')" = 1 ] || fail "no embedded lines in mode $mode"
 done
-[ "$(count_lines "Frame dump finished!")" = 4 ] || fail "not one \"Frame dump finished!\" per dump"
+[ "$(finished)" = 4 ] || fail "not one \"Frame dump finished!\" per dump"
 
 expect_after "$P" "get frame_dump mode0.lmr" "[Dump Header]"
 wait_for_count "  - [Reading Depth frame data...]" 5
