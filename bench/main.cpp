@@ -95,5 +95,26 @@ int main(int argc, char** argv) {
         counterOf(waiting, "bare_p50_us"), counterOf(waiting, "bare_p99_us"), counterOf(waiting, "bare_p999_us"),
         counterOf(waiting, "p50_us"), counterOf(full, "bare_p50_ms"), counterOf(full, "bare_p999_ms"),
         counterOf(full, "p50_ms"), counterOf(full, "sleep_p999_ms"), counterOf(handOver, "bare_items_per_s"));
+
+    std::printf("\n");
+    for (int mode = 0; mode < 4; ++mode) {
+        const auto dump = recorder.get("BM_Dump300VgaFrames/" + std::to_string(mode) + "/iterations:1");
+        const std::string figure = "VGA dump of 300 at 30 fps, mode " + std::to_string(mode) + ", lists lost";
+        row(figure.c_str(), counterOf(dump, "lost"), "", 0.0, "0");
+    }
+    const auto depthAmplitude = recorder.get("BM_Dump300VgaFrames/1/iterations:1");
+    const auto intensityCloud = recorder.get("BM_Dump300VgaFrames/3/iterations:1");
+    const auto throughput = recorder.get("BM_DumpWriterThroughput/iterations:1");
+    row("dump callback, VGA depth + amplitude, p99.9", counterOf(depthAmplitude, "p999_ms"), "ms", 1.5, "<= 1.5 ms");
+    row("dump callback, VGA intensity cloud, p99.9", counterOf(intensityCloud, "p999_ms"), "ms", 1.5, "(reported)");
+    row("dump writer, mode-3 records / dd", counterOf(throughput, "writer_MBps") / counterOf(throughput, "dd_MBps"),
+        "x", 0.8, ">= 0.8x", true);
+    std::printf(
+        "(dumps without a display running; %.0f and %.0f callbacks timed, p50 %.3f / max %.3f ms and p50 %.3f / max "
+        "%.3f ms; baseline of this run: dd bs=4M count=256 conv=fsync %.0f MB/s, the dump writer %.0f MB/s, both "
+        "with a final fsync, in the working directory)\n",
+        counterOf(depthAmplitude, "samples"), counterOf(intensityCloud, "samples"), counterOf(depthAmplitude, "p50_ms"),
+        counterOf(depthAmplitude, "max_ms"), counterOf(intensityCloud, "p50_ms"), counterOf(intensityCloud, "max_ms"),
+        counterOf(throughput, "dd_MBps"), counterOf(throughput, "writer_MBps"));
     return 0;
 }

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "ColorMaps.h"
+#include "FrameDumpSink.h"
 #include "ResultPrinter.h"
 #include "SourceListener.h"
 #include "TextHelpers.h"
@@ -64,6 +65,10 @@ Outcome select(ShellContext& context, const std::string& argument) {
     std::printf("selected device(%s:%s)\n\r", name.c_str(), source->serialNumber().c_str());
     context.promptName = name;
     gSourceListener.setCamera(context.camera);
+    if (context.dumpSink != nullptr) {
+        context.camera->addSink(context.dumpSink);
+        hs::add_prepared_listener(context.dumpSink);
+    }
     if (context.camera->state() == hs::LumoraCamera::STATE_NOT_PREPARED) {
         const hs::Result result = context.camera->prepare();
         if (result != hs::RESULT_SUCCESS) print_result(result);

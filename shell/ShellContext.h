@@ -11,6 +11,10 @@
 
 #include "History.h"
 
+namespace lumora::dump {
+class FrameDumpSink;
+}  // namespace lumora::dump
+
 namespace lumora::shell {
 
 struct ShellContext {
@@ -32,6 +36,8 @@ struct ShellContext {
     // The lines entered so far, kept by whichever reads them: the line editor on a
     // terminal, the script reader otherwise.
     const terminal::History* history = nullptr;
+    // Owned by the entry point, which outlives the shell thread.
+    dump::FrameDumpSink* dumpSink = nullptr;
 
     // Ends the run/stop stress test: clear `running`, then wait for its thread.
     void stopStressTest() {

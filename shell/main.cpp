@@ -11,6 +11,7 @@
 
 #include <halden/sensor/Lumora.h>
 
+#include "FrameDumpSink.h"
 #include "ShellContext.h"
 #include "ShellLoop.h"
 #include "SourceListener.h"
@@ -32,6 +33,10 @@ int main() {
     lumora::shell::ShellContext context;
 
     halden::sensor::add_source_listener(&gSourceListener);
+    // Built after the renderer sink and destroyed before it: locals end in reverse order,
+    // after the camera is gone.
+    lumora::dump::FrameDumpSink dumpSink;
+    context.dumpSink = &dumpSink;
     gSourceListener.setStopTest([&context] { context.stopStressTest(); });
 
     std::thread shellThread([&context] { lumora::shell::run_shell(context); });

@@ -37,21 +37,21 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# Runs the command $2... every 50 ms until it succeeds, for at most 10 seconds; then fails
-# with the message $1.
+# Runs the command $2... every 50 ms (RETRY_PAUSE seconds when set) until it succeeds, for
+# at most 10 seconds; then fails with the message $1.
 retry() {
   local message=$1 deadline=$((SECONDS + 10))
   shift
   until "$@"; do
     ((SECONDS < deadline)) || fail "$message"
-    sleep 0.05
+    sleep "${RETRY_PAUSE:-0.05}"
   done
 }
 
 fail() {
   echo "FAIL: $*" >&2
   echo "--- screen:" >&2
-  screen >&2 || true
+  raw_screen >&2 || true
   exit 1
 }
 
@@ -68,12 +68,15 @@ start_shell() {
   rm -f "$WORKDIR/status" "$WORKDIR/raw" "$WORKDIR/stty.before" "$WORKDIR/stty.after"
   local environment=()
   [ $# -gt 0 ] && environment=(-e "LUMORA_SIM_DEVICES=$1")
+  # FILE_SIZE_LIMIT (KiB) caps the files the shell writes, as a full disk would, with
+  # SIGXFSZ ignored so that a write fails instead of ending the process.
+  [ -n "${FILE_SIZE_LIMIT:-}" ] && environment+=(-e "LUMORA_E2E_FSIZE=$FILE_SIZE_LIMIT")
   if [ "${NO_DISPLAY:-0}" != 1 ]; then
     start_display
     environment+=(-e "DISPLAY=$XDISPLAY")
   fi
   tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${environment[@]}" \
-    bash -c 'set -m; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
+    bash -c 'set -m; [ -n "${LUMORA_E2E_FSIZE:-}" ] && { ulimit -f "$LUMORA_E2E_FSIZE"; trap "" XFSZ; }; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
     "$SHELL_BIN"
   tmux_ pipe-pane -o "cat >>'$WORKDIR/raw'"
   # The wrapper waits for this line, so that no byte of the shell's escapes the recording.
@@ -104,21 +107,58 @@ wait_for_line() { retry "no line \"$1\" on the screen" shows -xF "$1"; }
 # How many screen lines are exactly $1.
 count_lines() { screen | grep -cxF -- "$1" || true; }
 
-# The whole screen and its scrollback, trailing blanks cut.
-screen() { tmux_ capture-pane -p -J -S - | sed 's/ *$//'; }
+# The whole screen and its scrollback as the terminal shows it.
+raw_screen() { tmux_ capture-pane -p -J -S -; }
 
-cursor_x() { tmux_ display-message -p '#{cursor_x}'; }
-cursor_at() { [ "$(cursor_x)" -eq "$1" ]; }
+# The screen and its scrollback, trailing blanks cut, without the sinks' trace lines
+# ("FrameDumpSink:onLumoraCameraState:NN source(sim:0) state = 3", and the renderer's
+# "onLumoraCameraState:NN source(sim:0) state = 3"). They come from library threads at any
+# moment, also right after a prompt or within a line being typed; each is cut with its end
+# of line, so the line it broke reads whole again.
+screen() {
+  raw_screen | perl -0pe 's/(?:FrameDumpSink:)?on[A-Za-z]+:[0-9]+ source\([^)\n]*\)(?: (?:state|error) = -?[0-9]+)?\n//g' |
+    sed 's/ *$//'
+}
+
+cursor_position() { tmux_ display-message -p '#{cursor_x},#{cursor_y}'; }
+# True once the cursor is no longer at $1; its position is then in MOVED_TO.
+cursor_left() {
+  MOVED_TO=$(cursor_position)
+  [ "$MOVED_TO" != "$1" ]
+}
+
+# Waits (at most 2 s) until the terminal has received nothing for 50 ms, so that trace
+# lines a command set off have come before the next line is typed.
+wait_quiet() {
+  local size last=-1 deadline=$((SECONDS + 2))
+  while ((SECONDS < deadline)); do
+    size=$(stat -c %s "$WORKDIR/raw" 2>/dev/null || echo 0)
+    [ "$size" = "$last" ] && return 0
+    last=$size
+    sleep 0.05
+  done
+}
 
 # Types $1 as a person does, one key at a time: the editor asks the terminal where the
 # cursor is for every character, and a key typed before that answer would spoil it. The
-# next key goes once the cursor has moved past the last one. Then Enter.
+# next key goes once the cursor has moved from where it was (a trace line may have moved
+# it to a new line). Then Enter. A trace line printed after the prompt leaves the cursor at
+# the start of a line, where the editor would take the text for the middle of its line:
+# an empty line first brings a fresh prompt, as a person would press Enter.
 type_line() {
-  local text=$1 start i
-  start=$(cursor_x)
+  local text=$1 i position
+  wait_quiet
+  position=$(cursor_position)
+  if [ "${position%,*}" = 0 ]; then
+    tmux_ send-keys Enter
+    retry "no fresh prompt" cursor_left "$position"
+    position=$MOVED_TO
+  fi
   for ((i = 0; i < ${#text}; i++)); do
     tmux_ send-keys -l -- "${text:i:1}"
-    retry "the editor did not take \"${text:0:i+1}\"" cursor_at $((start + i + 1))
+    # The editor answers within milliseconds: a short pause keeps typing near a person's pace.
+    RETRY_PAUSE=0.01 retry "the editor did not take \"${text:0:i+1}\"" cursor_left "$position"
+    position=$MOVED_TO
   done
   tmux_ send-keys Enter
 }

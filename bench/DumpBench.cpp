@@ -1,0 +1,221 @@
+// Frame dumps: a 300-frame dump from a simulated 30 fps VGA QRX100A in each mode (records
+// written, lists lost at the dump queue, the delivery thread's time in the sink's frame
+// callback), and the writer's throughput for mode-3 records beside dd's, measured in the
+// same run in the same directory. No display runs beside the dumps.
+//
+// Threads: the camera's delivery thread calls TimedSink, which forwards every callback to
+// the dump sink and times the frame callback; the benchmark's thread requests the dump,
+// waits for the samples of its lists, then stops the camera, whose state callback waits
+// for the sink's writer thread.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <halden/sensor/Lumora.h>
+
+#include "DumpFormat.h"
+#include "DumpWriter.h"
+#include "FrameDumpSink.h"
+
+namespace {
+
+namespace hs = halden::sensor;
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr std::uint32_t kFrames = 300;
+// The run mask that serves each mode with the least to copy.
+constexpr std::uint32_t kMasks[] = {2, 2 | 4, 8, 16};
+constexpr std::size_t kBlocks[] = {1, 2, 3, 4};
+
+double percentile(std::vector<double> samples, double fraction) {
+    if (samples.empty()) return 0.0;
+    const auto k = static_cast<std::size_t>(fraction * static_cast<double>(samples.size() - 1));
+    std::nth_element(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(k), samples.end());
+    return samples[k];
+}
+
+// Works in a fresh directory beside the current one, on the same file system.
+class ScratchDirectory {
+public:
+    ScratchDirectory() : mPrevious(fs::current_path()) {
+        std::string pattern = (mPrevious / "lumora-bench-XXXXXX").string();
+        if (mkdtemp(pattern.data()) != nullptr) mPath = pattern;
+        if (!mPath.empty()) fs::current_path(mPath);
+    }
+    ~ScratchDirectory() {
+        fs::current_path(mPrevious);
+        if (!mPath.empty()) fs::remove_all(mPath);
+    }
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+    std::vector<fs::path> dumps() const {
+        std::vector<fs::path> files;
+        for (const auto& entry : fs::directory_iterator(mPath))
+            if (entry.path().extension() == ".lmr") files.push_back(entry.path());
+        return files;
+    }
+
+private:
+    fs::path mPrevious;
+    fs::path mPath;
+};
+
+// Forwards to the dump sink; times its frame callback while armed.
+class TimedSink : public hs::LumoraSink {
+public:
+    explicit TimedSink(lumora::dump::FrameDumpSink& sink) : mSink(sink) {}
+
+    std::string name() const override { return "timed"; }
+    void onLumoraCameraState(hs::LumoraSource* source, hs::LumoraCamera::State state) override {
+        mSink.onLumoraCameraState(source, state);
+    }
+    void onLumoraCameraError(hs::LumoraSource* source, hs::Result error) override {
+        mSink.onLumoraCameraError(source, error);
+    }
+    void onLumoraFrameList(hs::LumoraSource* source, const std::shared_ptr<hs::LumoraFrameList>& list) override {
+        const auto begin = Clock::now();
+        mSink.onLumoraFrameList(source, list);
+        const double millis = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mWanted == 0) return;
+        mMillis.push_back(millis);
+        if (mMillis.size() >= mWanted) {
+            mWanted = 0;
+            mDone.notify_all();
+        }
+    }
+
+    // Times the next `count` frame callbacks; returns them once all came (or after 60 s).
+    template <typename Start>
+    std::vector<double> time(std::size_t count, Start start) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mMillis.clear();
+        mWanted = count;
+        lock.unlock();
+        start();
+        lock.lock();
+        mDone.wait_for(lock, 60s, [this] { return mWanted == 0; });
+        mWanted = 0;
+        return mMillis;
+    }
+
+private:
+    lumora::dump::FrameDumpSink& mSink;
+    std::mutex mMutex;
+    std::condition_variable mDone;
+    std::size_t mWanted = 0;
+    std::vector<double> mMillis;
+};
+
+// One 300-frame dump in the mode given by the argument; the camera streams only what the
+// mode needs, with embedded lines on from the start so that every list can be written.
+void BM_Dump300VgaFrames(benchmark::State& state) {
+    const auto mode = static_cast<std::uint32_t>(state.range(0));
+    const ScratchDirectory scratch;
+    const auto sources = hs::search_camera_source();
+    const auto camera = sources ? hs::create_camera(sources->find("sim:0")) : nullptr;
+    if (!camera || camera->source()->name() != "QRX100A") {
+        state.SkipWithError("no simulated QRX100A at sim:0");
+        return;
+    }
+    lumora::dump::FrameDumpSink sink;
+    TimedSink timed(sink);
+    hs::add_prepared_listener(&sink);
+    camera->addSink(&timed);
+    camera->prepare();
+    camera->setProperty(hs::make_property_bool("embedded_data_line", true));
+    camera->run(static_cast<int>(kMasks[mode]));
+    std::this_thread::sleep_for(300ms);
+    std::vector<double> millis;
+    for (auto _ : state)
+        millis = timed.time(kFrames + 1, [&] { sink.requestDump(kMasks[mode], mode, kFrames); });
+    camera->stop();
+    hs::destroy_camera(camera);
+    hs::remove_prepared_listener(&sink);
+
+    const auto files = scratch.dumps();
+    const std::uintmax_t size = files.size() == 1 ? fs::file_size(files[0]) : 0;
+    const std::uintmax_t record =
+        sizeof(lumora::dump::frame_header) + 640 + kBlocks[mode] * 640 * 480 * lumora::dump::element_size(mode);
+    const double records = size >= lumora::dump::kHeadBytes ? double(size - lumora::dump::kHeadBytes) / record : 0;
+    state.counters["records"] = records;
+    state.counters["lost"] = kFrames - records;
+    state.counters["samples"] = static_cast<double>(millis.size());
+    state.counters["p50_ms"] = percentile(millis, 0.5);
+    state.counters["p999_ms"] = percentile(millis, 0.999);
+    state.counters["max_ms"] = percentile(millis, 1.0);
+}
+BENCHMARK(BM_Dump300VgaFrames)->DenseRange(0, 3)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+double seconds_since(Clock::time_point begin) { return std::chrono::duration<double>(Clock::now() - begin).count(); }
+
+// dd's 1 GiB in 4 MiB blocks with a final fsync.
+double dd_megabytes_per_second() {
+    const auto begin = Clock::now();
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread of the benchmark runs now
+    if (std::system("dd if=/dev/zero of=dd.out bs=4M count=256 conv=fsync status=none") != 0) return 0.0;
+    const double rate = 256.0 * 4 * 1024 * 1024 / 1e6 / seconds_since(begin);
+    fs::remove("dd.out");
+    return rate;
+}
+
+// About as many bytes of VGA mode-3 records through the dump writer, with a final fsync.
+double writer_megabytes_per_second(const std::vector<float>& planes) {
+    using namespace lumora::dump;
+    const std::size_t plane = planes.size() / 4 * sizeof(float);
+    const std::size_t records = std::size_t{256} * 4 * 1024 * 1024 / (sizeof(frame_header) + 4 * plane);
+    const auto begin = Clock::now();
+    {
+        DumpWriter writer("writer.lmr");
+        if (writer.writeHead({kSyncByte, 0, 300, 3}, {kSourceDescriptorTag, "sim"},
+                             {kCameraDescriptorTag, 0, {}, {}, {}}) != halden::sensor::RESULT_SUCCESS)
+            return 0.0;
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(planes.data());
+        const std::vector<Bytes> blocks{
+            {bytes, plane}, {bytes + plane, plane}, {bytes + 2 * plane, plane}, {bytes + 3 * plane, plane}};
+        for (std::size_t i = 0; i < records; ++i)
+            if (writer.writeRecord({static_cast<std::uint8_t>(i), 640, 480, 4, i}, {nullptr, 0}, blocks) !=
+                halden::sensor::RESULT_SUCCESS)
+                return 0.0;
+    }
+    const int fd = ::open("writer.lmr", O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || ::fsync(fd) != 0) return 0.0;
+    ::close(fd);
+    const double rate = double(kHeadBytes + records * (sizeof(frame_header) + 4 * plane)) / 1e6 / seconds_since(begin);
+    fs::remove("writer.lmr");
+    return rate;
+}
+
+// Three runs of each, alternating; the median of each.
+void BM_DumpWriterThroughput(benchmark::State& state) {
+    const ScratchDirectory scratch;
+    std::vector<float> planes(std::size_t{4} * 640 * 480);
+    for (std::size_t i = 0; i < planes.size(); ++i)
+        planes[i] = static_cast<float>(i % 7919) * 0.001F;
+    std::vector<double> dd;
+    std::vector<double> writer;
+    for (auto _ : state) {
+        for (int run = 0; run < 3; ++run) {
+            dd.push_back(dd_megabytes_per_second());
+            writer.push_back(writer_megabytes_per_second(planes));
+        }
+    }
+    state.counters["dd_MBps"] = percentile(dd, 0.5);
+    state.counters["writer_MBps"] = percentile(writer, 0.5);
+}
+BENCHMARK(BM_DumpWriterThroughput)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
