@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "ColorMaps.h"
+#include "OpenCVVideoRendererSink.h"
 #include "ResultPrinter.h"
 #include "SourceListener.h"
 #include "TextHelpers.h"
@@ -63,6 +64,7 @@ Outcome select(ShellContext& context, const std::string& argument) {
     const std::string name = source->name();
     std::printf("selected device(%s:%s)\n\r", name.c_str(), source->serialNumber().c_str());
     context.promptName = name;
+    if (context.renderer != nullptr) context.camera->addSink(context.renderer);
     gSourceListener.setCamera(context.camera);
     if (context.camera->state() == hs::LumoraCamera::STATE_NOT_PREPARED) {
         const hs::Result result = context.camera->prepare();

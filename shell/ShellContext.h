@@ -9,6 +9,10 @@
 
 #include <halden/sensor/Lumora.h>
 
+namespace lumora::display {
+class OpenCVVideoRendererSink;
+}
+
 namespace lumora::shell {
 
 struct ShellContext {
@@ -27,6 +31,8 @@ struct ShellContext {
     std::string promptName;
     // The last frame selector given to "run"; the stress test reads it too.
     std::atomic<std::int32_t> runArgument{6};
+    // The live display, owned by the entry point; attached to every selected camera.
+    display::OpenCVVideoRendererSink* renderer = nullptr;
 
     // Ends the run/stop stress test: clear `running`, then wait for its thread.
     void stopStressTest() {

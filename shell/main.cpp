@@ -7,10 +7,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <thread>
 
 #include <halden/sensor/Lumora.h>
 
+#include "OpenCVVideoRendererSink.h"
 #include "ShellContext.h"
 #include "ShellLoop.h"
 #include "SourceListener.h"
@@ -32,6 +34,9 @@ int main() {
     lumora::shell::ShellContext context;
 
     halden::sensor::add_source_listener(&gSourceListener);
+    auto renderer = std::make_unique<lumora::display::OpenCVVideoRendererSink>();
+    context.renderer = renderer.get();
+    halden::sensor::add_prepared_listener(renderer.get());
     gSourceListener.setStopTest([&context] { context.stopStressTest(); });
 
     std::thread shellThread([&context] { lumora::shell::run_shell(context); });
@@ -41,5 +46,7 @@ int main() {
     if (shellThread.joinable()) shellThread.join();
     context.sources.reset();
     context.camera.reset();
+    halden::sensor::remove_prepared_listener(renderer.get());
+    renderer.reset();
     return 0;
 }

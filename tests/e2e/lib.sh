@@ -70,7 +70,9 @@ start_shell() {
   [ $# -gt 0 ] && environment=(-e "LUMORA_SIM_DEVICES=$1")
   if [ "${NO_DISPLAY:-0}" != 1 ]; then
     start_display
-    environment+=(-e "DISPLAY=$XDISPLAY")
+    # As a desktop session gives it; without it Qt warns on the terminal.
+    mkdir -p -m 700 "$WORKDIR/runtime"
+    environment+=(-e "DISPLAY=$XDISPLAY" -e "XDG_RUNTIME_DIR=$WORKDIR/runtime")
   fi
   tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${environment[@]}" \
     bash -c 'set -m; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
@@ -104,21 +106,50 @@ wait_for_line() { retry "no line \"$1\" on the screen" shows -xF "$1"; }
 # How many screen lines are exactly $1.
 count_lines() { screen | grep -cxF -- "$1" || true; }
 
-# The whole screen and its scrollback, trailing blanks cut.
-screen() { tmux_ capture-pane -p -J -S - | sed 's/ *$//'; }
+# The sinks trace camera events from the library's threads ("onLumoraCameraState:224
+# source(sim:0) state = 3", the dump sink's with "FrameDumpSink:" before it), at any moment
+# between the shell's own lines. Those traces are cut out of the screen: a line that held
+# only a trace goes, and a line a trace ended (the prompt, or part of a typed command) is
+# continued by the next line that is not a trace, where the typing went on.
+strip_traces() {
+  awk '{
+    line = $0; traced = 0
+    while (match(line, /(FrameDumpSink:)?on[A-Za-z]+:[0-9]+ source\([^)]*\)( (state|error) = -?[0-9]+)?/)) {
+      line = substr(line, 1, RSTART - 1) substr(line, RSTART + RLENGTH); traced = 1
+    }
+    if (traced && line ~ /^ *$/) next
+    line = pending line; pending = ""
+    if (traced) { pending = line; next }
+    print line
+  } END { if (pending != "") print pending }'
+}
+
+# The whole screen and its scrollback, sink traces cut out, trailing blanks cut.
+screen() { tmux_ capture-pane -p -J -S - | strip_traces | sed 's/ *$//'; }
 
 cursor_x() { tmux_ display-message -p '#{cursor_x}'; }
 cursor_at() { [ "$(cursor_x)" -eq "$1" ]; }
 
+# Whether the editor has taken a key typed with the cursor at column $1 - 1: the cursor
+# has moved on by one; or, when a sink trace ($3 of them before the key) came from a library
+# thread meanwhile and moved the cursor elsewhere, the editor has asked where the cursor is
+# for it (it had asked $2 times before) and had a moment to echo it.
+key_taken() {
+  cursor_at "$1" && return 0
+  received_more $'\e[6n' "$2" && received_more " source(" "$3" && sleep 0.1
+}
+
 # Types $1 as a person does, one key at a time: the editor asks the terminal where the
 # cursor is for every character, and a key typed before that answer would spoil it. The
-# next key goes once the cursor has moved past the last one. Then Enter.
+# next key goes once the editor has taken the last one. Then Enter.
 type_line() {
-  local text=$1 start i
-  start=$(cursor_x)
+  local text=$1 i x asked traced
   for ((i = 0; i < ${#text}; i++)); do
+    x=$(cursor_x)
+    asked=$(received_count $'\e[6n')
+    traced=$(received_count " source(")
     tmux_ send-keys -l -- "${text:i:1}"
-    retry "the editor did not take \"${text:0:i+1}\"" cursor_at $((start + i + 1))
+    retry "the editor did not take \"${text:0:i+1}\"" key_taken $((x + 1)) "$asked" "$traced"
   done
   tmux_ send-keys Enter
 }
@@ -159,12 +190,35 @@ at_least() { [ "$(count_lines "$1")" -ge "$2" ]; }
 # Waits for $2 screen lines to be exactly $1.
 wait_for_count() { retry "fewer than $2 lines \"$1\"" at_least "$1" "$2"; }
 
+# How many times the terminal has received the bytes $1.
+received_count() { raw_output | { grep -oF -- "$1" || true; } | wc -l; }
+received_more() { [ "$(received_count "$1")" -gt "$2" ]; }
+
+# Types "select $1" and waits for the display sink's trace of the prepared camera, which
+# the library sends from its own thread after the prompt: typing on before it would have
+# the trace land inside the next command line.
+select_camera() {
+  local before
+  before=$(received_count "state = 1")
+  type_line "select $1"
+  retry "no prepared camera after \"select $1\"" received_more "state = 1" "$before"
+}
+
 # Starts the shell with one QRX100A, selects it and runs it.
 start_streaming() {
   start_shell "QRX100A"
   wait_for "LumoraShell>"
   type_line "search"
-  type_line "select 0"
+  select_camera 0
   wait_for_line "QRX100A:"
   expect_after "QRX100A:" "run" "-> result : success"
 }
+
+# Runs xdotool on the test's X server.
+xdo() { DISPLAY=$XDISPLAY xdotool "$@"; }
+
+# True when a window whose name matches the regular expression $1 exists.
+has_window() { xdo search --name "$1" >/dev/null 2>&1; }
+no_window() { ! has_window "$1"; }
+wait_window() { retry "no window named like \"$1\"" has_window "$1"; }
+wait_no_window() { retry "a window named like \"$1\" is still there" no_window "$1"; }

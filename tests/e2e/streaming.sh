@@ -18,7 +18,7 @@ type_line "set sim_detach 1"
 wait_for "onDetachedLumoraSource(sim:1)"
 wait_for_count "-> result : success" 2
 type_line ""
-type_line "select 0"
+select_camera 0
 P="QRX100A:"
 wait_for_line "$P"
 expect_after "$P" "_run_stop_test" "-> result : not supported"

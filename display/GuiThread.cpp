@@ -1,0 +1,75 @@
+// Design note: any thread posts a task and waits for it; the GUI thread, started on the
+// first post, runs the tasks one at a time in the order posted. It never ends: highgui
+// cannot move to another thread, so the thread and its queue are made once and left for
+// the process's exit to reclaim (the waiters are gone by then).
+#include "GuiThread.h"
+
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include <X11/Xlib.h>
+
+namespace lumora::display {
+
+namespace {
+
+class GuiThread {
+public:
+    GuiThread() : mThread([this] { loop(); }) { mThread.detach(); }
+
+    void run(const std::function<void()>& task) {
+        std::packaged_task<void()> job(task);
+        std::future<void> done = job.get_future();
+        {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            mTasks.push_back(std::move(job));
+        }
+        mPosted.notify_one();
+        done.wait();
+    }
+
+private:
+    [[noreturn]] void loop() {
+        for (;;) {
+            std::packaged_task<void()> job;
+            {
+                std::unique_lock<std::mutex> lock(mMutex);
+                mPosted.wait(lock, [this] { return !mTasks.empty(); });
+                job = std::move(mTasks.front());
+                mTasks.pop_front();
+            }
+            job();
+        }
+    }
+
+    std::mutex mMutex;
+    std::condition_variable mPosted;
+    std::deque<std::packaged_task<void()>> mTasks;
+    std::thread mThread;
+};
+
+}  // namespace
+
+bool displayAvailable() {
+    static const bool available = [] {
+        const char* name = std::getenv("DISPLAY");
+        if (name == nullptr || *name == '\0') return false;
+        Display* display = XOpenDisplay(name);
+        if (display == nullptr) return false;
+        XCloseDisplay(display);
+        return true;
+    }();
+    return available;
+}
+
+void runOnGuiThread(const std::function<void()>& task) {
+    // Never destroyed: its thread outlives every static object.
+    static GuiThread* const thread = new GuiThread;
+    thread->run(task);
+}
+
+}  // namespace lumora::display
