@@ -31,6 +31,7 @@ start_display() {
 }
 
 cleanup() {
+  [ -n "${KEEP_RAW:-}" ] && cp "$WORKDIR/raw" "$KEEP_RAW" 2>/dev/null
   stop_shell
   [ -n "$XVFB_PID" ] && kill "$XVFB_PID" 2>/dev/null || true
   rm -rf "$WORKDIR"
@@ -118,7 +119,9 @@ strip_traces() {
       line = substr(line, 1, RSTART - 1) substr(line, RSTART + RLENGTH); traced = 1
     }
     if (traced && line ~ /^ *$/) next
-    line = pending line; pending = ""
+    if (pending != "" && index(line, pending) != 1) line = pending line
+    else if (pending != "") print pending
+    pending = ""
     if (traced) { pending = line; next }
     print line
   } END { if (pending != "") print pending }'
@@ -130,26 +133,15 @@ screen() { tmux_ capture-pane -p -J -S - | strip_traces | sed 's/ *$//'; }
 cursor_x() { tmux_ display-message -p '#{cursor_x}'; }
 cursor_at() { [ "$(cursor_x)" -eq "$1" ]; }
 
-# Whether the editor has taken a key typed with the cursor at column $1 - 1: the cursor
-# has moved on by one; or, when a sink trace ($3 of them before the key) came from a library
-# thread meanwhile and moved the cursor elsewhere, the editor has asked where the cursor is
-# for it (it had asked $2 times before) and had a moment to echo it.
-key_taken() {
-  cursor_at "$1" && return 0
-  received_more $'\e[6n' "$2" && received_more " source(" "$3" && sleep 0.1
-}
-
 # Types $1 as a person does, one key at a time: the editor asks the terminal where the
 # cursor is for every character, and a key typed before that answer would spoil it. The
-# next key goes once the editor has taken the last one. Then Enter.
+# next key goes once the cursor has moved past the last one. Then Enter.
 type_line() {
-  local text=$1 i x asked traced
+  local text=$1 start i
+  start=$(cursor_x)
   for ((i = 0; i < ${#text}; i++)); do
-    x=$(cursor_x)
-    asked=$(received_count $'\e[6n')
-    traced=$(received_count " source(")
     tmux_ send-keys -l -- "${text:i:1}"
-    retry "the editor did not take \"${text:0:i+1}\"" key_taken $((x + 1)) "$asked" "$traced"
+    retry "the editor did not take \"${text:0:i+1}\"" cursor_at $((start + i + 1))
   done
   tmux_ send-keys Enter
 }
@@ -179,10 +171,35 @@ follows() { [ "$(line_after "$1")" = "$2" ]; }
 # Waits for the line after the last line $1 to be $2.
 wait_for_after() { retry "no \"$2\" after \"$1\"" follows "$1" "$2"; }
 
+# Whether the last bytes received show a sink trace after the last prompt $1.
+trace_after_prompt() {
+  local tail
+  tail=$(raw_output | tail -c 4000)
+  [[ "$tail" == *"$1 "* && "${tail##*"$1 "}" == *" source("* ]]
+}
+
+# "run", "stop" and "deselect" change the camera's state, which the display sink traces
+# from a library thread, often after the next prompt. Waits (up to 2 s) for that trace
+# when the command made one, and when it landed after the prompt $1 types an empty line
+# for a fresh one: the editor places keys by the cursor, which the trace has moved.
+settle_traces() {
+  local prompt=$1 command=$2 before=$3 deadline=$((SECONDS + 2))
+  case "${command%% *}" in run | stop | deselect) ;; *) return 0 ;; esac
+  until received_more " source(" "$before"; do
+    ((SECONDS < deadline)) || return 0
+    sleep 0.05
+  done
+  sleep 0.1
+  if trace_after_prompt "$prompt"; then type_line ""; fi
+}
+
 # At the prompt $1, types the command $2 and waits for the next line to be $3.
 expect_after() {
+  local traces
+  traces=$(received_count " source(")
   type_line "$2"
   wait_for_after "$1 $2" "$3"
+  settle_traces "$1" "$2" "$traces"
 }
 
 at_least() { [ "$(count_lines "$1")" -ge "$2" ]; }
@@ -195,13 +212,14 @@ received_count() { raw_output | { grep -oF -- "$1" || true; } | wc -l; }
 received_more() { [ "$(received_count "$1")" -gt "$2" ]; }
 
 # Types "select $1" and waits for the display sink's trace of the prepared camera, which
-# the library sends from its own thread after the prompt: typing on before it would have
-# the trace land inside the next command line.
+# the library sends from its own thread after the prompt; then an empty line for a fresh
+# prompt, since the editor places keys by the cursor, which the trace has moved.
 select_camera() {
   local before
   before=$(received_count "state = 1")
   type_line "select $1"
   retry "no prepared camera after \"select $1\"" received_more "state = 1" "$before"
+  type_line ""
 }
 
 # Starts the shell with one QRX100A, selects it and runs it.

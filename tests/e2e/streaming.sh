@@ -26,7 +26,10 @@ expect_after "$P" "run" "-> result : success"
 expect_after "$P" "_run_stop_test" "-> result : success"
 # A cycle is half a second stopped, then three seconds running; while it runs, a second
 # test is refused.
+# The test's stop and run are traced by the display sink after the prompt: an empty line
+# gives a fresh one.
 sleep 1.2
+type_line ""
 expect_after "$P" "_run_stop_test" "-> result : already running"
 # "stop" waits for the cycle under way to end.
 expect_after "$P" "stop" "run_stop test count = 1"
