@@ -21,10 +21,11 @@ stop_shell() {
   SOCKET=""
 }
 
-# Starts the test's own X server once; Xvfb picks a free display number and tells it.
+# Starts the test's own X server once; Xvfb picks a free display number and tells it, and
+# keeps its screen in the file Xvfb_screen0 (XWD format) for screenshots.
 start_display() {
   [ -n "$XDISPLAY" ] && return 0
-  Xvfb -displayfd 3 -screen 0 1280x1024x24 -nolisten tcp 3>"$WORKDIR/displayfd" 2>/dev/null &
+  Xvfb -displayfd 3 -screen 0 1280x1024x24 -fbdir "$WORKDIR" -nolisten tcp 3>"$WORKDIR/displayfd" 2>/dev/null &
   XVFB_PID=$!
   retry "Xvfb did not start" test -s "$WORKDIR/displayfd"
   XDISPLAY=":$(cat "$WORKDIR/displayfd")"
@@ -235,8 +236,8 @@ start_streaming() {
 # Runs xdotool on the test's X server.
 xdo() { DISPLAY=$XDISPLAY xdotool "$@"; }
 
-# True when a window whose name matches the regular expression $1 exists.
-has_window() { xdo search --name "$1" >/dev/null 2>&1; }
+# True when a window whose name matches the regular expression $1 is shown.
+has_window() { xdo search --onlyvisible --name "$1" >/dev/null 2>&1; }
 no_window() { ! has_window "$1"; }
 wait_window() { retry "no window named like \"$1\"" has_window "$1"; }
 wait_no_window() { retry "a window named like \"$1\" is still there" no_window "$1"; }
