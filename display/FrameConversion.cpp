@@ -32,7 +32,8 @@ constexpr std::size_t kSplitPoints = 20000;
 inline std::uint16_t toSample(float value) {
     value = value > 0.0F ? value : 0.0F;
     value = value < 65535.0F ? value : 65535.0F;
-    return static_cast<std::uint16_t>(value + 0.5F);
+    // Through a 32-bit integer, which vectorises.
+    return static_cast<std::uint16_t>(static_cast<std::int32_t>(value + 0.5F));
 }
 inline std::uint16_t toSample(std::uint16_t value) { return value; }
 
@@ -66,23 +67,42 @@ bool inside(cv::Size size, cv::Point point) {
     return point.x >= 0 && point.y >= 0 && point.x < size.width && point.y < size.height;
 }
 
+// The n samples of a displayed row: the row itself when unscaled 16-bit, else gathered
+// (and, for float data, converted) into `scratch`.
+const std::uint16_t* samplesOf(const std::uint16_t* source, const int* columns, int n,
+                               std::vector<std::uint16_t>& scratch) {
+    if (columns == nullptr) return source;
+    for (int i = 0; i < n; ++i)
+        scratch[static_cast<std::size_t>(i)] = source[columns[i]];
+    return scratch.data();
+}
+const std::uint16_t* samplesOf(const float* source, const int* columns, int n, std::vector<std::uint16_t>& scratch) {
+    std::uint16_t* out = scratch.data();
+    if (columns == nullptr) {
+        for (int i = 0; i < n; ++i)
+            out[i] = toSample(source[i]);
+    } else {
+        for (int i = 0; i < n; ++i)
+            out[i] = toSample(source[columns[i]]);
+    }
+    return out;
+}
+
 // Writes n colour pixels; every store but the last spills one byte into the next pixel.
-template <typename T>
-void colourRow(const T* source, const int* columns, int n, std::uint8_t* out, const PackedPalette& packed,
+void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const PackedPalette& packed,
                const DepthIndexTable& index) {
     if (n <= 0) return;
     for (int i = 0; i + 1 < n; ++i) {
-        const std::uint32_t pixel = colourOf(packed, index, toSample(source[columns ? columns[i] : i]));
+        const std::uint32_t pixel = colourOf(packed, index, samples[i]);
         std::memcpy(out + 3 * i, &pixel, 4);
     }
-    const std::uint32_t last = colourOf(packed, index, toSample(source[columns ? columns[n - 1] : n - 1]));
+    const std::uint32_t last = colourOf(packed, index, samples[n - 1]);
     std::memcpy(out + 3 * (n - 1), &last, 3);
 }
 
-template <typename T>
-void grayRow(const T* source, const int* columns, int n, std::uint8_t* out, const GrayTable& gray) {
+void grayRow(const std::uint16_t* samples, int n, std::uint8_t* out, const GrayTable& gray) {
     for (int i = 0; i < n; ++i)
-        out[i] = gray[toSample(source[columns ? columns[i] : i])];
+        out[i] = gray[samples[i]];
 }
 
 // One frame of depth or amplitude, typed.
@@ -161,22 +181,17 @@ void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
     if (withDepth) depthImage.image.create(display, CV_8UC3);
     if (withAmplitude) amplitudeImage.image.create(display, CV_8UC1);
 
+    std::vector<std::uint16_t> scratch(static_cast<std::size_t>(display.width));
+    const auto samples = [&](const Plane& plane, std::size_t offset) {
+        return plane.u16 ? samplesOf(plane.u16 + offset, columnMap, display.width, scratch)
+                         : samplesOf(plane.f32 + offset, columnMap, display.width, scratch);
+    };
     for (int y = 0; y < display.height; ++y) {
         const std::size_t offset = static_cast<std::size_t>(rows[static_cast<std::size_t>(y)]) * shape.width;
-        if (withDepth) {
-            auto* out = depthImage.image.ptr<std::uint8_t>(y);
-            if (depthPlane.u16)
-                colourRow(depthPlane.u16 + offset, columnMap, display.width, out, packed, index);
-            else
-                colourRow(depthPlane.f32 + offset, columnMap, display.width, out, packed, index);
-        }
-        if (withAmplitude) {
-            auto* out = amplitudeImage.image.ptr<std::uint8_t>(y);
-            if (amplitudePlane.u16)
-                grayRow(amplitudePlane.u16 + offset, columnMap, display.width, out, gray);
-            else
-                grayRow(amplitudePlane.f32 + offset, columnMap, display.width, out, gray);
-        }
+        if (withDepth)
+            colourRow(samples(depthPlane, offset), display.width, depthImage.image.ptr<std::uint8_t>(y), packed, index);
+        if (withAmplitude)
+            grayRow(samples(amplitudePlane, offset), display.width, amplitudeImage.image.ptr<std::uint8_t>(y), gray);
     }
 
     if (withDepth) {

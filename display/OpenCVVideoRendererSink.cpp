@@ -35,10 +35,7 @@ std::atomic<std::uint32_t> gRenderedLists{0};
 const char* const kSuffixes[] = {" framerate", " Depth", " Amplitude", " PCL-Depth", " IPCL-Depth", " IPCL-Amplitude"};
 enum WindowKey : int { kFramerate, kDepth, kAmplitude, kPointCloud, kIntensityDepth, kIntensityAmplitude };
 
-const char* uriOf(hs::LumoraSource* source) {
-    static const std::string kNone = "(null)";
-    return source != nullptr ? source->uri().c_str() : kNone.c_str();
-}
+std::string uriOf(hs::LumoraSource* source) { return source != nullptr ? source->uri() : "(null)"; }
 
 // A window that does not exist answers negatively, whatever highgui throws for it.
 double autosizeProperty(const std::string& name) {
@@ -61,7 +58,8 @@ OpenCVVideoRendererSink::~OpenCVVideoRendererSink() {
 std::string OpenCVVideoRendererSink::name() const { return "OpenCVVideoRendererSink"; }
 
 void OpenCVVideoRendererSink::onLumoraCameraState(hs::LumoraSource* source, hs::LumoraCamera::State state) {
-    std::printf("%s:%d source(%s) state = %d\n", "onLumoraCameraState", 224, uriOf(source), static_cast<int>(state));
+    std::printf("%s:%d source(%s) state = %d\n", "onLumoraCameraState", 224, uriOf(source).c_str(),
+                static_cast<int>(state));
     switch (state) {
         case hs::LumoraCamera::STATE_PREPARED: {
             mWindows.clear();
@@ -106,13 +104,14 @@ void OpenCVVideoRendererSink::onLumoraCameraState(hs::LumoraSource* source, hs::
 }
 
 void OpenCVVideoRendererSink::onLumoraCameraError(hs::LumoraSource* source, hs::Result error) {
-    std::printf("%s:%d source(%s) error = %d\n", "onLumoraCameraError", 388, uriOf(source), static_cast<int>(error));
+    std::printf("%s:%d source(%s) error = %d\n", "onLumoraCameraError", 388, uriOf(source).c_str(),
+                static_cast<int>(error));
 }
 
 void OpenCVVideoRendererSink::onLumoraCameraPrepared(hs::LumoraCamera* camera) {
     if (camera == nullptr) return;
     const auto source = camera->source();
-    std::printf("%s:%d source(%s)\n", "onLumoraCameraPrepared", 434, uriOf(source.get()));
+    std::printf("%s:%d source(%s)\n", "onLumoraCameraPrepared", 434, uriOf(source.get()).c_str());
     auto projection = std::make_unique<Projection>();
     const bool calibrated = camera->getIntrinsicParameters(0, projection->intrinsics) == hs::RESULT_SUCCESS &&
                             projection->intrinsics.fx > 0.0 && projection->intrinsics.fy > 0.0;
