@@ -35,7 +35,6 @@ inline std::uint16_t toSample(float value) {
     // Through a 32-bit integer, which vectorises.
     return static_cast<std::uint16_t>(static_cast<std::int32_t>(value + 0.5F));
 }
-inline std::uint16_t toSample(std::uint16_t value) { return value; }
 
 // Palette entries as little-endian B, G, R, 0 words, so one 4-byte store writes a pixel.
 using PackedPalette = std::array<std::uint32_t, kPaletteSize>;

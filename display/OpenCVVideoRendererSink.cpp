@@ -180,6 +180,12 @@ void OpenCVVideoRendererSink::stopRenderThread() {
     mFrameQueue.stop();
     mRunning.store(false);
     if (mRenderThread.joinable()) mRenderThread.join();
+    // Lists of this run still queued would open the windows of their frame types at the next
+    // run, whatever that run's types: they go now.
+    mFrameQueue.restart();
+    while (mFrameQueue.pop(std::chrono::seconds(0)).first == hs::RESULT_SUCCESS) {
+    }
+    mFrameQueue.stop();
 }
 
 void OpenCVVideoRendererSink::closeWindows(bool clearTable) {
