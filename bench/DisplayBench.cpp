@@ -117,7 +117,8 @@ Cloud makeCloud() {
     for (std::size_t i = 0; i < kPixels; ++i) {
         const float z = (depthAt(i) == 0 ? 500 : depthAt(i)) / 1000.0F;
         const float x = static_cast<float>((static_cast<double>(i % kWidth) - in.cx) / in.fx) * z;
-        const float y = static_cast<float>((static_cast<double>(i / kWidth) - in.cy) / in.fy) * z;
+        const std::size_t row = i / kWidth;
+        const float y = static_cast<float>((static_cast<double>(row) - in.cy) / in.fy) * z;
         planes[i] = x;
         planes[kPixels + i] = y;
         planes[2 * kPixels + i] = z;

@@ -32,8 +32,9 @@ constexpr std::size_t kSplitPoints = 20000;
 inline std::uint16_t toSample(float value) {
     value = value > 0.0F ? value : 0.0F;
     value = value < 65535.0F ? value : 65535.0F;
-    // Through a 32-bit integer, which vectorises.
-    return static_cast<std::uint16_t>(static_cast<std::int32_t>(value + 0.5F));
+    // Half up: the value is not negative here.
+    const auto whole = static_cast<std::int32_t>(value);
+    return static_cast<std::uint16_t>(whole + (value - static_cast<float>(whole) >= 0.5F ? 1 : 0));
 }
 
 // Palette entries as little-endian B, G, R, 0 words, so one 4-byte store writes a pixel.
@@ -93,10 +94,10 @@ void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const Pac
     if (n <= 0) return;
     for (int i = 0; i + 1 < n; ++i) {
         const std::uint32_t pixel = colourOf(packed, index, samples[i]);
-        std::memcpy(out + 3 * i, &pixel, 4);
+        std::memcpy(out + std::ptrdiff_t{3} * i, &pixel, 4);
     }
     const std::uint32_t last = colourOf(packed, index, samples[n - 1]);
-    std::memcpy(out + 3 * (n - 1), &last, 3);
+    std::memcpy(out + std::ptrdiff_t{3} * (n - 1), &last, 3);
 }
 
 void grayRow(const std::uint16_t* samples, int n, std::uint8_t* out, const GrayTable& gray) {
@@ -288,7 +289,7 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
             const int row = static_cast<int>(v);
             const std::uint32_t pixel = pixels[base + k];
             const std::uint32_t colour = colourOf(packed, index, toSample(z[pixel] * 1000.0F));
-            std::memcpy(depthImage.image.ptr<std::uint8_t>(row) + 3 * column, &colour, 3);
+            std::memcpy(depthImage.image.ptr<std::uint8_t>(row) + std::ptrdiff_t{3} * column, &colour, 3);
             if (withIntensity) intensityImage->image.at<std::uint8_t>(row, column) = gray[toSample(intensity[pixel])];
         }
     };

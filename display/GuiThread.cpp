@@ -5,7 +5,6 @@
 #include "GuiThread.h"
 
 #include <condition_variable>
-#include <cstdlib>
 #include <deque>
 #include <future>
 #include <mutex>
@@ -56,7 +55,8 @@ private:
 
 bool displayAvailable() {
     static const bool available = [] {
-        const char* name = std::getenv("DISPLAY");
+        // $DISPLAY, or an empty name when it is not set.
+        const char* name = XDisplayName(nullptr);
         if (name == nullptr || *name == '\0') return false;
         Display* display = XOpenDisplay(name);
         if (display == nullptr) return false;

@@ -328,7 +328,7 @@ void OpenCVVideoRendererSink::readOutOnConsole(const std::shared_ptr<hs::LumoraF
     std::printf("\b\b\b\b\b");
 }
 
-void OpenCVVideoRendererSink::renderLoop(Projection projection) {
+void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
     static std::once_flag noDisplayNotice;
     mFrameQueue.restart();
     while (mRunning.load()) {

@@ -75,7 +75,7 @@ private:
     using Item = std::tuple<halden::sensor::LumoraSource*, std::shared_ptr<halden::sensor::LumoraFrameList>>;
 
     static void onMouse(int event, int x, int y, int flags, void* userData);
-    void renderLoop(Projection projection);
+    void renderLoop(const Projection& projection);
     void stopRenderThread();
     void closeWindows(bool clearTable);
     void createWindows(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);

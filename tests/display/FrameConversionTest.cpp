@@ -134,7 +134,7 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
     for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
         Frame frame = hs::sim::make_frame(type, hs::DATA_TYPE_FLOAT32, kWidth, kHeight, 1, 0);
         auto* planes = static_cast<float*>(hs::sim::frame_data(frame));
-        const std::size_t n = kWidth * kHeight;
+        const std::size_t n = std::size_t{kWidth} * kHeight;
         for (int y = 0; y < kHeight; ++y)
             for (int x = 0; x < kWidth; ++x) {
                 const std::size_t i = static_cast<std::size_t>(y) * kWidth + x;
@@ -178,7 +178,7 @@ TEST_F(FrameConversion, ConsoleReadoutAndFramerateImage) {
         const std::size_t centre = 1 * 4 + 2;
         const bool cloud = type >= hs::LumoraFrame::FRAME_POINTCLOUD;
         data[(cloud ? 2 * 8 : 0) + centre] = cloud ? 1.25F : (type == hs::LumoraFrame::FRAME_DEPTH ? 812.0F : 77.0F);
-        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) data[3 * 8 + centre] = 55.0F;
+        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) data[std::size_t{3 * 8} + centre] = 55.0F;
         frames.push_back(frame);
     }
     EXPECT_EQ(consoleReadout("fps : 30.00", hs::sim::make_frame_list(frames)),
