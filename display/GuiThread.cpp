@@ -6,7 +6,6 @@
 
 #include <condition_variable>
 #include <deque>
-#include <future>
 #include <mutex>
 #include <thread>
 
@@ -21,33 +20,42 @@ public:
     GuiThread() : mThread([this] { loop(); }) { mThread.detach(); }
 
     void run(const std::function<void()>& task) {
-        std::packaged_task<void()> job(task);
-        std::future<void> done = job.get_future();
-        {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            mTasks.push_back(std::move(job));
-        }
+        Job job{&task, false};
+        std::unique_lock<std::mutex> lock(mMutex);
+        mTasks.push_back(&job);
         mPosted.notify_one();
-        done.wait();
+        mDone.wait(lock, [&job] { return job.done; });
     }
 
 private:
+    // A task of a waiting caller; it lives on the caller's stack until `done` is set.
+    struct Job {
+        const std::function<void()>* task;
+        bool done;
+    };
+
     [[noreturn]] void loop() {
         for (;;) {
-            std::packaged_task<void()> job;
+            Job* job = nullptr;
             {
                 std::unique_lock<std::mutex> lock(mMutex);
                 mPosted.wait(lock, [this] { return !mTasks.empty(); });
-                job = std::move(mTasks.front());
+                job = mTasks.front();
                 mTasks.pop_front();
             }
-            job();
+            (*job->task)();
+            {
+                const std::lock_guard<std::mutex> lock(mMutex);
+                job->done = true;
+            }
+            mDone.notify_all();
         }
     }
 
     std::mutex mMutex;
     std::condition_variable mPosted;
-    std::deque<std::packaged_task<void()>> mTasks;
+    std::condition_variable mDone;
+    std::deque<Job*> mTasks;
     std::thread mThread;
 };
 
