@@ -36,6 +36,8 @@ expect_after "$P" "stop" "run_stop test count = 1"
 wait_for_after "run_stop test count = 1" "-> result : success"
 expect_after "$P" "run" "-> result : success"
 expect_after "$P" "_run_stop_test" "-> result : success"
+sleep 1.2
+type_line ""
 
 # "quit" ends the stress test, stops and closes the camera, and the process ends.
 type_line "quit"
