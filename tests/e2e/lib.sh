@@ -72,9 +72,11 @@ start_shell() {
   [ $# -gt 0 ] && environment=(-e "LUMORA_SIM_DEVICES=$1")
   if [ "${NO_DISPLAY:-0}" != 1 ]; then
     start_display
-    # As a desktop session gives it; without it Qt warns on the terminal.
+    # As a desktop session gives it; without it Qt warns on the terminal. The windows need
+    # no OpenGL, and without Qt's GLX integration Mesa's LLVM is not loaded, whose start-up
+    # trips AddressSanitizer now and then.
     mkdir -p -m 700 "$WORKDIR/runtime"
-    environment+=(-e "DISPLAY=$XDISPLAY" -e "XDG_RUNTIME_DIR=$WORKDIR/runtime")
+    environment+=(-e "DISPLAY=$XDISPLAY" -e "XDG_RUNTIME_DIR=$WORKDIR/runtime" -e QT_XCB_GL_INTEGRATION=none)
   fi
   tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${environment[@]}" \
     bash -c 'set -m; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
