@@ -9,11 +9,12 @@ build=$(realpath "${1:-build}")
 seconds=${2:-60}
 source tests/e2e/lib.sh "$build/shell/lumora-shell"
 start_display
+mkdir -p -m 700 "$WORKDIR/runtime"
 
 # Processor seconds (user + system) a process has used so far.
 cpu_of() { awk -v hz="$(getconf CLK_TCK)" '{ print ($14 + $15) / hz }' "/proc/$1/stat"; }
 
-bare=$(DISPLAY=$XDISPLAY XDG_RUNTIME_DIR=$WORKDIR/runtime python3 -c '
+bare=$(DISPLAY=$XDISPLAY XDG_RUNTIME_DIR=$WORKDIR/runtime QT_XCB_GL_INTEGRATION=none python3 -c '
 import resource, subprocess, sys
 subprocess.run(sys.argv[1:], check=True)
 usage = resource.getrusage(resource.RUSAGE_CHILDREN)
