@@ -32,7 +32,6 @@ start_display() {
 }
 
 cleanup() {
-  [ -n "${KEEP_RAW:-}" ] && cp "$WORKDIR/raw" "$KEEP_RAW" 2>/dev/null
   stop_shell
   [ -n "$XVFB_PID" ] && kill "$XVFB_PID" 2>/dev/null || true
   rm -rf "$WORKDIR"
