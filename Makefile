@@ -1,7 +1,8 @@
 # make run   - set up, build and start the shell
 # make test  - set up, build and run the whole suite: the normal build, AddressSanitizer +
 #              UndefinedBehaviorSanitizer (with the fuzz targets), ThreadSanitizer
-# make bench - set up, build and run the benchmarks, then print the table of figures
+# make bench - set up, build and run the benchmarks, then print the table of figures; then
+#              the live display end to end under Xvfb (about three minutes)
 
 BUILD := build
 
@@ -23,6 +24,7 @@ test: setup
 
 bench: build
 	@$(BUILD)/bench/lumora-bench --benchmark_color=false
+	@bash bench/display_e2e.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan

@@ -5,6 +5,7 @@
 
 #include "ColorMaps.h"
 #include "FrameDumpSink.h"
+#include "OpenCVVideoRendererSink.h"
 #include "ResultPrinter.h"
 #include "SourceListener.h"
 #include "TextHelpers.h"
@@ -64,6 +65,7 @@ Outcome select(ShellContext& context, const std::string& argument) {
     const std::string name = source->name();
     std::printf("selected device(%s:%s)\n\r", name.c_str(), source->serialNumber().c_str());
     context.promptName = name;
+    if (context.renderer != nullptr) context.camera->addSink(context.renderer);
     gSourceListener.setCamera(context.camera);
     if (context.dumpSink != nullptr) {
         context.camera->addSink(context.dumpSink);

@@ -14,6 +14,9 @@
 namespace lumora::dump {
 class FrameDumpSink;
 }  // namespace lumora::dump
+namespace lumora::display {
+class OpenCVVideoRendererSink;
+}  // namespace lumora::display
 
 namespace lumora::shell {
 
@@ -38,6 +41,8 @@ struct ShellContext {
     const terminal::History* history = nullptr;
     // Owned by the entry point, which outlives the shell thread.
     dump::FrameDumpSink* dumpSink = nullptr;
+    // The live display, owned by the entry point; attached to every selected camera.
+    display::OpenCVVideoRendererSink* renderer = nullptr;
 
     // Ends the run/stop stress test: clear `running`, then wait for its thread.
     void stopStressTest() {

@@ -7,11 +7,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <thread>
 
 #include <halden/sensor/Lumora.h>
 
 #include "FrameDumpSink.h"
+#include "OpenCVVideoRendererSink.h"
 #include "ShellContext.h"
 #include "ShellLoop.h"
 #include "SourceListener.h"
@@ -33,10 +35,11 @@ int main() {
     lumora::shell::ShellContext context;
 
     halden::sensor::add_source_listener(&gSourceListener);
-    // Built after the renderer sink and destroyed before it: locals end in reverse order,
-    // after the camera is gone.
-    lumora::dump::FrameDumpSink dumpSink;
-    context.dumpSink = &dumpSink;
+    auto renderer = std::make_unique<lumora::display::OpenCVVideoRendererSink>();
+    auto dumpSink = std::make_unique<lumora::dump::FrameDumpSink>();
+    context.renderer = renderer.get();
+    context.dumpSink = dumpSink.get();
+    halden::sensor::add_prepared_listener(renderer.get());
     gSourceListener.setStopTest([&context] { context.stopStressTest(); });
 
     std::thread shellThread([&context] { lumora::shell::run_shell(context); });
@@ -46,5 +49,9 @@ int main() {
     if (shellThread.joinable()) shellThread.join();
     context.sources.reset();
     context.camera.reset();
+    halden::sensor::remove_prepared_listener(dumpSink.get());
+    halden::sensor::remove_prepared_listener(renderer.get());
+    dumpSink.reset();
+    renderer.reset();
     return 0;
 }

@@ -30,7 +30,8 @@ wait_for_line "1) source name : QRX200AP, serialNumber : LM2F3C650001, uri : sim
 expect_after "$P" "select 5" "-> result : fail"
 expect_after "$P" "select -1" "-> result : fail"
 expect_after "$P" "select 99999999999" "-> result : fail"
-expect_after "$P" "select 0" "selected device(QRX100A:LM0536240000)"
+select_camera 0
+wait_for_after "$P select 0" "selected device(QRX100A:LM0536240000)"
 P="QRX100A:"
 expect_after "$P" "select 0" "-> result : already exists"
 expect_after "$P" "search" "-> result : invalid operation"

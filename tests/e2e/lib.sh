@@ -21,10 +21,11 @@ stop_shell() {
   SOCKET=""
 }
 
-# Starts the test's own X server once; Xvfb picks a free display number and tells it.
+# Starts the test's own X server once; Xvfb picks a free display number and tells it, and
+# keeps its screen in the file Xvfb_screen0 (XWD format) for screenshots.
 start_display() {
   [ -n "$XDISPLAY" ] && return 0
-  Xvfb -displayfd 3 -screen 0 1280x1024x24 -nolisten tcp 3>"$WORKDIR/displayfd" 2>/dev/null &
+  Xvfb -displayfd 3 -screen 0 1280x1024x24 -fbdir "$WORKDIR" -nolisten tcp 3>"$WORKDIR/displayfd" 2>/dev/null &
   XVFB_PID=$!
   retry "Xvfb did not start" test -s "$WORKDIR/displayfd"
   XDISPLAY=":$(cat "$WORKDIR/displayfd")"
@@ -73,7 +74,11 @@ start_shell() {
   [ -n "${FILE_SIZE_LIMIT:-}" ] && environment+=(-e "LUMORA_E2E_FSIZE=$FILE_SIZE_LIMIT")
   if [ "${NO_DISPLAY:-0}" != 1 ]; then
     start_display
-    environment+=(-e "DISPLAY=$XDISPLAY")
+    # As a desktop session gives it; without it Qt warns on the terminal. The windows need
+    # no OpenGL, and without Qt's GLX integration Mesa's LLVM is not loaded, whose start-up
+    # trips AddressSanitizer now and then.
+    mkdir -p -m 700 "$WORKDIR/runtime"
+    environment+=(-e "DISPLAY=$XDISPLAY" -e "XDG_RUNTIME_DIR=$WORKDIR/runtime" -e QT_XCB_GL_INTEGRATION=none)
   fi
   tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${environment[@]}" \
     bash -c 'set -m; [ -n "${LUMORA_E2E_FSIZE:-}" ] && { ulimit -f "$LUMORA_E2E_FSIZE"; trap "" XFSZ; }; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
@@ -188,10 +193,35 @@ follows() { [ "$(line_after "$1")" = "$2" ]; }
 # Waits for the line after the last line $1 to be $2.
 wait_for_after() { retry "no \"$2\" after \"$1\"" follows "$1" "$2"; }
 
+# Whether the last bytes received show a sink trace after the last prompt $1.
+trace_after_prompt() {
+  local tail
+  tail=$(raw_output | tail -c 4000)
+  [[ "$tail" == *"$1 "* && "${tail##*"$1 "}" == *" source("* ]]
+}
+
+# "run", "stop" and "deselect" change the camera's state, which the display sink traces
+# from a library thread, often after the next prompt. Waits (up to 2 s) for that trace
+# when the command made one, and when it landed after the prompt $1 types an empty line
+# for a fresh one: the editor places keys by the cursor, which the trace has moved.
+settle_traces() {
+  local prompt=$1 command=$2 before=$3 deadline=$((SECONDS + 2))
+  case "${command%% *}" in run | stop | deselect) ;; *) return 0 ;; esac
+  until received_more " source(" "$before"; do
+    ((SECONDS < deadline)) || return 0
+    sleep 0.05
+  done
+  sleep 0.1
+  if trace_after_prompt "$prompt"; then type_line ""; fi
+}
+
 # At the prompt $1, types the command $2 and waits for the next line to be $3.
 expect_after() {
+  local traces
+  traces=$(received_count " source(")
   type_line "$2"
   wait_for_after "$1 $2" "$3"
+  settle_traces "$1" "$2" "$traces"
 }
 
 at_least() { [ "$(count_lines "$1")" -ge "$2" ]; }
@@ -199,12 +229,36 @@ at_least() { [ "$(count_lines "$1")" -ge "$2" ]; }
 # Waits for $2 screen lines to be exactly $1.
 wait_for_count() { retry "fewer than $2 lines \"$1\"" at_least "$1" "$2"; }
 
+# How many times the terminal has received the bytes $1.
+received_count() { raw_output | { grep -oF -- "$1" || true; } | wc -l; }
+received_more() { [ "$(received_count "$1")" -gt "$2" ]; }
+
+# Types "select $1" and waits for the display sink's trace of the prepared camera, which
+# the library sends from its own thread after the prompt; then an empty line for a fresh
+# prompt, since the editor places keys by the cursor, which the trace has moved.
+select_camera() {
+  local before
+  before=$(received_count "state = 1")
+  type_line "select $1"
+  retry "no prepared camera after \"select $1\"" received_more "state = 1" "$before"
+  type_line ""
+}
+
 # Starts the shell with one QRX100A, selects it and runs it.
 start_streaming() {
   start_shell "QRX100A"
   wait_for "LumoraShell>"
   type_line "search"
-  type_line "select 0"
+  select_camera 0
   wait_for_line "QRX100A:"
   expect_after "QRX100A:" "run" "-> result : success"
 }
+
+# Runs xdotool on the test's X server.
+xdo() { DISPLAY=$XDISPLAY xdotool "$@"; }
+
+# True when a window whose name matches the regular expression $1 is shown.
+has_window() { xdo search --onlyvisible --name "$1" >/dev/null 2>&1; }
+no_window() { ! has_window "$1"; }
+wait_window() { retry "no window named like \"$1\"" has_window "$1"; }
+wait_no_window() { retry "a window named like \"$1\" is still there" no_window "$1"; }

@@ -7,7 +7,7 @@ wait_for "LumoraShell>"
 type_line "search"
 wait_for_line "0) source name : QRX100A, serialNumber : LM0536240000, uri : sim:0"
 wait_for_line "1) source name : QRX200AP, serialNumber : LM2F3C650001, uri : sim:1"
-type_line "select 1"
+select_camera 1
 wait_for_line "selected device(QRX200AP:LM2F3C650001)"
 wait_for_line "QRX200AP:"
 type_line "run"

@@ -24,15 +24,17 @@ type_line "set sim_detach 1"
 wait_for "onDetachedLumoraSource(sim:1)"
 wait_for_count "-> result : success" 2
 type_line ""
-type_line "select 0"
+select_camera 0
 P="QRX100A:"
 wait_for_line "$P"
 expect_after "$P" "_run_stop_test" "-> result : not supported"
 expect_after "$P" "run" "-> result : success"
 expect_after "$P" "_run_stop_test" "-> result : success"
 # A cycle is half a second stopped, then three seconds running; while it runs, a second
-# test is refused.
+# test is refused. The test's stop and run are traced by the display sink after the
+# prompt: an empty line gives a fresh one.
 sleep 1.2
+type_line ""
 expect_after "$P" "_run_stop_test" "-> result : already running"
 # "stop" waits for the cycle under way to end: the first, or the second where typing is
 # slow (ThreadSanitizer on a busy machine).
@@ -41,6 +43,8 @@ retry "no cycle count after \"stop\"" counted_after "$P stop"
 wait_for_after "$(line_after "$P stop")" "-> result : success"
 expect_after "$P" "run" "-> result : success"
 expect_after "$P" "_run_stop_test" "-> result : success"
+sleep 1.2
+type_line ""
 
 # "quit" ends the stress test, stops and closes the camera, and the process ends.
 counts=$(cycle_counts)

@@ -1,0 +1,72 @@
+// Frame-to-image conversion for the live display: pure functions from library frames to
+// 8-bit images, read-out texts and marker colours, with no window involved. Every function
+// may be called from any thread; they read the colour and gray tables without a lock.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <opencv2/core.hpp>
+
+#include <halden/sensor/LumoraCalibration.h>
+#include <halden/sensor/LumoraFrame.h>
+
+namespace lumora::display {
+
+// One window's picture: the image (empty when there was no frame of its kind), the text that
+// follows the window name in its title, and the marker colour (inverse of the pixel at the
+// read-out point).
+struct WindowImage {
+    cv::Mat image;
+    std::string readout;
+    cv::Scalar marker;
+};
+
+// The size a frame is shown at: its own, unless both display sides are positive and smaller
+// than the frame's; images are never scaled up.
+cv::Size displaySize(cv::Size frame, int displayWidth, int displayHeight);
+
+// Depth (colour through the depth-to-palette-index table and the palette) and amplitude
+// (gray through the gray table) of 16-bit or 32-bit float frames, scaled to `display` by
+// nearest neighbour, in one pass over the rows. Float samples are rounded to the nearest
+// integer within 0..65535 (NaN reads 0) before the look-up. Either frame may be null; its
+// image is then left empty. The points are in displayed-image coordinates; a point outside
+// the image reads value 0 and takes black as its pixel.
+void convertDepthAmplitude(const std::shared_ptr<halden::sensor::LumoraFrame>& depth,
+                           const std::shared_ptr<halden::sensor::LumoraFrame>& amplitude, cv::Size display,
+                           cv::Point depthPoint, cv::Point amplitudePoint, WindowImage& depthImage,
+                           WindowImage& amplitudeImage);
+
+// The lens model points are projected with, for frames of `size` pixels.
+struct Projection {
+    cv::Size size;
+    halden::sensor::IntrinsicParameters intrinsics;
+    halden::sensor::DistortionCoefficients distortion;
+};
+
+// A stand-in for a camera that reports no calibration: a 70 degree lens on the frame's size.
+Projection defaultProjection(cv::Size frame);
+
+// A 32-bit float point cloud (type 8) or intensity point cloud (type 16) projected through
+// `projection` (rescaled to `display`) onto a black image of the display size: each point
+// with z > 0 is coloured from z in millimetres through the depth tables and, for type 16,
+// its intensity through the gray table into `intensityImage`. The read-out value is the
+// frame's z at the point, in millimetres, truncated. The projection is split over two
+// threads. Frames of other data types leave both images empty; `intensityImage` may be
+// null for type 8.
+void convertPointCloud(const std::shared_ptr<halden::sensor::LumoraFrame>& frame, const Projection& projection,
+                       cv::Size display, cv::Point depthPoint, cv::Point intensityPoint, WindowImage& depthImage,
+                       WindowImage* intensityImage);
+
+// A filled circle of radius 4 in the marker colour at the point (clipped at the border).
+void drawMarker(WindowImage& image, cv::Point point);
+
+// The frame-rate window's image: `fpsText` in white on black, 60 rows by 20 x length - 40
+// columns; empty when the text is too short to give a positive width.
+cv::Mat framerateImage(const std::string& fpsText);
+
+// The console read-out line of a list (display off): a carriage return, `fpsText`, then one
+// piece per frame with the value at the frame centre.
+std::string consoleReadout(const std::string& fpsText, const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
+
+}  // namespace lumora::display

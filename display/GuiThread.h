@@ -1,0 +1,23 @@
+// The one thread that makes every highgui call of the process.
+//
+// OpenCV's highgui on Qt binds its GUI objects to the first thread that uses it: a later
+// thread's call hangs once that thread has ended, and with no display Qt aborts the process.
+// So highgui is reached only through this thread, which lives for the whole process, and
+// only after displayAvailable() has said yes.
+#pragma once
+
+#include <functional>
+
+namespace lumora::display {
+
+// Any thread. Whether an X display can be reached: decided once per process, by opening and
+// closing a connection to $DISPLAY, before any highgui call.
+bool displayAvailable();
+
+// Any thread except the GUI thread itself. Runs `task` on the GUI thread, after the tasks
+// posted before it, and returns when it has run. Mouse callbacks registered by a task run
+// on the GUI thread too, while a later task services the windows (cv::waitKey). Exceptions
+// must not leave `task`. Must only be called when displayAvailable() is true.
+void runOnGuiThread(const std::function<void()>& task);
+
+}  // namespace lumora::display

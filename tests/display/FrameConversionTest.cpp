@@ -1,0 +1,195 @@
+// Frame-to-image conversion on frames made by hand: pixels against the two-table rule for
+// both data types, the read-out and marker, scaling, projection of a known plane, and the
+// console read-out.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include <opencv2/imgproc.hpp>
+
+#include <halden/sensor/sim/SimControl.h>
+
+#include "ColorMaps.h"
+#include "FrameConversion.h"
+
+namespace lumora::display {
+namespace {
+
+namespace hs = halden::sensor;
+using Frame = std::shared_ptr<hs::LumoraFrame>;
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+
+// A depth or amplitude frame whose pixel i holds values[i % size], as 16-bit or float data.
+Frame basicFrame(hs::LumoraFrame::FrameType type, hs::DataType dataType, const std::vector<std::uint16_t>& values) {
+    Frame frame = hs::sim::make_frame(type, dataType, kWidth, kHeight, 1, 0);
+    void* data = hs::sim::frame_data(frame);
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+        const std::uint16_t value = values[static_cast<std::size_t>(i) % values.size()];
+        if (dataType == hs::DATA_TYPE_UINT16)
+            static_cast<std::uint16_t*>(data)[i] = value;
+        else
+            static_cast<float*>(data)[i] = value;
+    }
+    return frame;
+}
+
+// The rule itself, pixel by pixel: depth -> palette index (at most 1281) -> three bytes.
+cv::Vec3b ruleColour(std::uint16_t depth) {
+    const std::uint16_t k = std::min<std::uint16_t>(depthIndexTable()[depth], kPaletteMissing);
+    return {palette()[0][k], palette()[1][k], palette()[2][k]};
+}
+
+class FrameConversion : public testing::Test {
+protected:
+    void SetUp() override {
+        initColorMaps();
+        setDepthRange({3000.0F, 0.0F});
+        setGrayRange({200.0F, 0.0F});
+        for (int i = 0; i < 997; ++i)
+            mValues.push_back(static_cast<std::uint16_t>(i * 67 % 4001));
+        mValues[0] = 0;
+    }
+    std::vector<std::uint16_t> mValues;
+};
+
+TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
+    std::vector<cv::Mat> depthImages;
+    for (const auto dataType : {hs::DATA_TYPE_UINT16, hs::DATA_TYPE_FLOAT32}) {
+        WindowImage depth;
+        WindowImage amplitude;
+        const cv::Point point(10, 20);
+        convertDepthAmplitude(basicFrame(hs::LumoraFrame::FRAME_DEPTH, dataType, mValues),
+                              basicFrame(hs::LumoraFrame::FRAME_AMPLITUDE, dataType, mValues), {kWidth, kHeight}, point,
+                              {kWidth - 1, kHeight - 1}, depth, amplitude);
+        ASSERT_EQ(depth.image.type(), CV_8UC3);
+        ASSERT_EQ(amplitude.image.type(), CV_8UC1);
+        for (int y = 0; y < kHeight; ++y)
+            for (int x = 0; x < kWidth; ++x) {
+                const std::uint16_t value = mValues[static_cast<std::size_t>(y * kWidth + x) % mValues.size()];
+                ASSERT_EQ(depth.image.at<cv::Vec3b>(y, x), ruleColour(value)) << x << "," << y;
+                ASSERT_EQ(amplitude.image.at<std::uint8_t>(y, x), grayTable()[value]) << x << "," << y;
+            }
+        // Depth 0 is missing and black; depth 1500 of 3000 is palette entry 640.
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 0), cv::Vec3b(0, 0, 0));
+        const std::uint16_t atPoint = mValues[static_cast<std::size_t>(20 * kWidth + 10) % mValues.size()];
+        EXPECT_EQ(depth.readout, "  x:10, y:20, d:" + std::to_string(atPoint));
+        const std::uint16_t atCorner = mValues[static_cast<std::size_t>(kWidth * kHeight - 1) % mValues.size()];
+        EXPECT_EQ(amplitude.readout, "  x:63, y:47, a:" + std::to_string(atCorner));
+        // The marker is the pixel's inverse, and drawn over it.
+        const cv::Vec3b pixel = ruleColour(atPoint);
+        EXPECT_EQ(depth.marker, cv::Scalar(255 - pixel[0], 255 - pixel[1], 255 - pixel[2], 0));
+        const int gray = 255 - grayTable()[atCorner];
+        EXPECT_EQ(amplitude.marker, cv::Scalar(gray, gray, gray, 0));
+        drawMarker(depth, point);
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(point), cv::Vec3b(255 - pixel[0], 255 - pixel[1], 255 - pixel[2]));
+        depthImages.push_back(depth.image);
+    }
+    EXPECT_EQ(cv::norm(depthImages[0], depthImages[1], cv::NORM_INF), 0.0);
+
+    // Float samples round to the nearest value and clamp into the 16-bit range.
+    Frame odd = hs::sim::make_frame(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_FLOAT32, 4, 1, 1, 0);
+    const float samples[4] = {1499.6F, -5.0F, 1.0e9F, 0.4F};
+    std::memcpy(hs::sim::frame_data(odd), samples, sizeof samples);
+    WindowImage depth;
+    WindowImage none;
+    convertDepthAmplitude(odd, nullptr, {4, 1}, {0, 0}, {0, 0}, depth, none);
+    EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 0), ruleColour(1500));
+    EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 1), ruleColour(0));
+    EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 2), ruleColour(65535));
+    EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 3), ruleColour(0));
+    EXPECT_TRUE(none.image.empty());
+}
+
+TEST_F(FrameConversion, ScalesDownOnlyByNearestNeighbour) {
+    EXPECT_EQ(displaySize({640, 480}, 160, 120), cv::Size(160, 120));
+    EXPECT_EQ(displaySize({320, 240}, 640, 480), cv::Size(320, 240));
+    EXPECT_EQ(displaySize({640, 480}, 640, 120), cv::Size(640, 480));
+    EXPECT_EQ(displaySize({640, 480}, -1, -1), cv::Size(640, 480));
+
+    const Frame frame = basicFrame(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_UINT16, mValues);
+    const cv::Mat values(kHeight, kWidth, CV_16UC1, hs::sim::frame_data(frame));
+    const cv::Size shown(20, 15);
+    cv::Mat nearest;
+    cv::resize(values, nearest, shown, 0, 0, cv::INTER_NEAREST);
+    WindowImage depth;
+    WindowImage amplitude;
+    convertDepthAmplitude(frame, nullptr, shown, {3, 4}, {0, 0}, depth, amplitude);
+    ASSERT_EQ(depth.image.size(), shown);
+    for (int y = 0; y < shown.height; ++y)
+        for (int x = 0; x < shown.width; ++x)
+            ASSERT_EQ(depth.image.at<cv::Vec3b>(y, x), ruleColour(nearest.at<std::uint16_t>(y, x))) << x << "," << y;
+    EXPECT_EQ(depth.readout, "  x:3, y:4, d:" + std::to_string(nearest.at<std::uint16_t>(4, 3)));
+}
+
+TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
+    // A wall 2 m away seen through a lens without distortion: each pixel's point lies on its
+    // own ray, so it lands on that pixel; one point lies off its pixel's ray on purpose.
+    Projection lens = defaultProjection({kWidth, kHeight});
+    lens.intrinsics = {50.0, 50.0, 32.0, 24.0};
+    for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
+        Frame frame = hs::sim::make_frame(type, hs::DATA_TYPE_FLOAT32, kWidth, kHeight, 1, 0);
+        auto* planes = static_cast<float*>(hs::sim::frame_data(frame));
+        const std::size_t n = std::size_t{kWidth} * kHeight;
+        for (int y = 0; y < kHeight; ++y)
+            for (int x = 0; x < kWidth; ++x) {
+                const std::size_t i = static_cast<std::size_t>(y) * kWidth + x;
+                planes[i] = static_cast<float>((x - 32.0) / 50.0 * 2.0);
+                planes[n + i] = static_cast<float>((y - 24.0) / 50.0 * 2.0);
+                planes[2 * n + i] = 2.0F;
+                if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) planes[3 * n + i] = 100.0F;
+            }
+        // The point of pixel (0, 0) moved onto the ray of pixel (40, 30), 1 m away.
+        planes[0] = 8.0F / 50.0F;
+        planes[n] = 6.0F / 50.0F;
+        planes[2 * n] = 1.0F;
+        WindowImage depth;
+        WindowImage intensity;
+        convertPointCloud(frame, lens, {kWidth, kHeight}, {5, 6}, {5, 6}, depth, &intensity);
+        ASSERT_EQ(depth.image.size(), cv::Size(kWidth, kHeight));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 0), cv::Vec3b(0, 0, 0)) << "nothing projects onto pixel (0, 0)";
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(6, 5), ruleColour(2000));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(47, 63), ruleColour(2000));
+        EXPECT_EQ(depth.readout, "  x:5, y:6, z:2000");
+        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) {
+            EXPECT_EQ(intensity.image.at<std::uint8_t>(47, 63), grayTable()[100]);
+            EXPECT_EQ(intensity.readout, "  x:5, y:6, a:100");
+        } else {
+            EXPECT_TRUE(intensity.image.empty());
+        }
+    }
+    // 16-bit point clouds are not drawn.
+    WindowImage depth;
+    convertPointCloud(hs::sim::make_frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_UINT16, 8, 8, 1, 0), lens,
+                      {8, 8}, {0, 0}, {0, 0}, depth, nullptr);
+    EXPECT_TRUE(depth.image.empty());
+}
+
+TEST_F(FrameConversion, ConsoleReadoutAndFramerateImage) {
+    std::vector<Frame> frames;
+    for (const auto type : {hs::LumoraFrame::FRAME_DEPTH, hs::LumoraFrame::FRAME_AMPLITUDE,
+                            hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
+        Frame frame = hs::sim::make_frame(type, hs::DATA_TYPE_FLOAT32, 4, 2, 1, 0);
+        auto* data = static_cast<float*>(hs::sim::frame_data(frame));
+        const std::size_t centre = 1 * 4 + 2;
+        const bool cloud = type >= hs::LumoraFrame::FRAME_POINTCLOUD;
+        data[(cloud ? 2 * 8 : 0) + centre] = cloud ? 1.25F : (type == hs::LumoraFrame::FRAME_DEPTH ? 812.0F : 77.0F);
+        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) data[std::size_t{3 * 8} + centre] = 55.0F;
+        frames.push_back(frame);
+    }
+    EXPECT_EQ(consoleReadout("fps : 30.00", hs::sim::make_frame_list(frames)),
+              "\rfps : 30.00, depth(002,001) : 0812, amplitude(002,001) : 0077, PCL(002,001) : 1250, "
+              "Intensity-PCL(002,001) : 1250, 0055");
+
+    const cv::Mat fps = framerateImage("fps : 30.00");
+    EXPECT_EQ(fps.size(), cv::Size(20 * 11 - 40, 60));
+    EXPECT_GT(cv::countNonZero(fps), 0);
+    EXPECT_TRUE(framerateImage("ab").empty());
+}
+
+}  // namespace
+}  // namespace lumora::display
