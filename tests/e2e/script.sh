@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # Commands from a pipe: each line shown after its prompt and run as typed, comments
 # skipped, "!N" recalled, no control sequences, no busy wait while the pipe is quiet, and
-# the end of the input closing a running camera and ending the process with status 0.
+# the end of the input closing a running camera, keeping what a dump under way captured
+# and ending the process with status 0.
 source "$(dirname "$0")/lib.sh"
 
 out="$WORKDIR/script.out"
 fifo="$WORKDIR/script.in"
 mkfifo "$fifo"
-LUMORA_SIM_DEVICES=QRX100A "$SHELL_BIN" <"$fifo" >"$out" 2>&1 &
+start_display
+mkdir -p -m 700 "$WORKDIR/runtime"
+(cd "$WORKDIR" && DISPLAY=$XDISPLAY XDG_RUNTIME_DIR="$WORKDIR/runtime" QT_XCB_GL_INTEGRATION=none \
+  LUMORA_SIM_DEVICES=QRX100A "$SHELL_BIN" <"$fifo" >"$out" 2>"$WORKDIR/script.err") &
 pid=$!
 exec 4>"$fifo"
 printf 'search\n# select 5\nselect 0\r\n\nhistory\n!1\nrun 6\n' >&4
@@ -17,7 +21,8 @@ ticks_before=$(awk '{print $14 + $15}' "/proc/$pid/stat")
 sleep 2
 ticks_after=$(awk '{print $14 + $15}' "/proc/$pid/stat")
 ((ticks_after - ticks_before < 100)) || fail "the shell used $((ticks_after - ticks_before)) ticks in 2 s on a quiet pipe"
-printf 'get width' >&4
+printf 'set frame_dump 0 300\nget width' >&4
+retry "no dump file" compgen -G "$WORKDIR/*.lmr"
 exec 4>&-
 deadline=$((SECONDS + 10))
 while kill -0 "$pid" 2>/dev/null && ((SECONDS < deadline)); do sleep 0.1; done
@@ -40,9 +45,17 @@ expected=(
   "-> result : invalid operation"
   "QRX100A: run 6"
   "-> result : success"
+  "QRX100A: set frame_dump 0 300"
+  "-> result : success"
   "QRX100A: get width"
   "-> result : width, 640"
 )
-mapfile -t got < <(tr -d '\r' <"$out" | grep -v -e '^onLumora' -e '^FrameDumpSink:')
+# Without the sinks' traces and the dump's log lines, which come from other threads.
+mapfile -t got < <(tr -d '\r' <"$out" | grep -v -e '^onLumora' -e '^FrameDumpSink:' -e '^E/')
 [ "${got[*]}" = "${expected[*]}" ] || fail "transcript: $(printf '\n  %s' "${got[@]}")"
+# The end of the input stopped and closed the camera, and the dump kept its frames.
+grep -q "state = 2" <(sed -n '/get width/,$p' "$out") || fail "the camera was not stopped at the end of the input"
+grep -q "state = 0" <(sed -n '/get width/,$p' "$out") || fail "the camera was not released at the end of the input"
+dump=$(compgen -G "$WORKDIR/*.lmr" | head -1)
+(($(stat -c %s "$dump") >= 69 + 15 + 640 * 480 * 2)) || fail "the dump kept no frame: $(stat -c %s "$dump") bytes"
 echo "script: passed"
