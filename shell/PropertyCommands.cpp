@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "FrameDumpSink.h"
 #include "ResultPrinter.h"
+#include "Settings.h"
 #include "TextHelpers.h"
 
 namespace lumora::shell {
@@ -81,32 +81,6 @@ void print_calibration(const hs::LumoraCamera& camera, const std::string& key) {
     }
 }
 
-// A number as an unsigned 32-bit value; negative or larger numbers wrap or saturate to
-// values the dump sink refuses.
-std::uint32_t as_u32(const hs::LumoraProperty& number) {
-    if (number.dataType() == hs::DATA_TYPE_INT32) return static_cast<std::uint32_t>(number.getInt32());
-    const double value = number.getDouble();
-    return value >= 0.0 && value < 4294967296.0 ? static_cast<std::uint32_t>(value) : UINT32_MAX;
-}
-
-// "set frame_dump MODE COUNT": MODE is the typed value, COUNT the next word.
-hs::Result request_dump(const ShellContext& context, const std::string& argument, const hs::LumoraProperty& mode) {
-    if (mode.dataType() != hs::DATA_TYPE_INT32 && mode.dataType() != hs::DATA_TYPE_FLOAT64)
-        return hs::RESULT_NOT_SUPPORTED;
-    const std::vector<std::string> parts = words(argument);
-    if (parts.size() < 3 || !terminal::isInteger(parts[2])) return hs::RESULT_INVALID_PARAMETER;
-    std::uint32_t count = UINT32_MAX;
-    try {
-        count = static_cast<std::uint32_t>(terminal::toInt(parts[2], -1));
-    } catch (const std::out_of_range&) {
-        // Beyond 64 bits: a count the sink refuses.
-    }
-    if (context.dumpSink == nullptr) return hs::RESULT_NOT_SUPPORTED;
-    // The frame types the camera is running with decide which modes it can serve.
-    context.dumpSink->requestDump(context.camera ? context.camera->wantedFrame() : 0, as_u32(mode), count);
-    return hs::RESULT_SUCCESS;
-}
-
 bool is_calibration_key(const std::string& key) {
     return key == "distortion_coefficients" || key == "intrinsic_parameters" || key == "extrinsic_parameters" ||
            key == "fov";
@@ -177,8 +151,8 @@ Outcome set(ShellContext& context, const std::string& argument) {
     if (key == "log_level") set_log_level(*property);
     hs::Result result = hs::set_property(property);
     if (result == hs::RESULT_NOT_SUPPORTED && context.camera) result = context.camera->setProperty(property);
-    if (result == hs::RESULT_NOT_SUPPORTED && key == "frame_dump") result = request_dump(context, argument, *property);
-    return result;
+    if (result != hs::RESULT_NOT_SUPPORTED) return result;
+    return set_setting(context, key, property.get(), argument.substr(std::min(argument.size(), key.size() + 1)));
 }
 
 Outcome get(ShellContext& context, const std::string& argument) {
@@ -189,11 +163,8 @@ Outcome get(ShellContext& context, const std::string& argument) {
         return std::nullopt;
     }
     if (result != hs::RESULT_NOT_SUPPORTED) return result;
-    if (key == "frame_dump") {
-        // Not checked for a file name: without one the path is empty and nothing is printed.
-        dump::FrameDumpSink::inspectDumpFile(make_typed_property(key, value)->getString({}));
-        return std::nullopt;
-    }
+    const Outcome setting = get_setting(context, key, make_typed_property(key, value).get());
+    if (setting != Outcome(hs::RESULT_NOT_SUPPORTED)) return setting;
     if (!context.camera) return hs::RESULT_NOT_SUPPORTED;
     if (key == "lenses") {
         std::printf("\tlenses = %d%s", context.camera->lensCount(), kEndOfLine);

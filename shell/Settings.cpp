@@ -1,0 +1,213 @@
+#include "Settings.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+
+#include "ColorMaps.h"
+#include "FrameDumpSink.h"
+#include "OpenCVVideoRendererSink.h"
+#include "TextHelpers.h"
+
+namespace lumora::shell {
+
+namespace hs = halden::sensor;
+
+namespace {
+
+constexpr Outcome kNotSupported = hs::RESULT_NOT_SUPPORTED;
+constexpr Outcome kInvalid = hs::RESULT_INVALID_PARAMETER;
+constexpr Outcome kSuccess = hs::RESULT_SUCCESS;
+
+// The value of a number typed as an integer or a fraction; nothing for a word.
+std::optional<double> number_of(const hs::LumoraProperty* value) {
+    if (value == nullptr) return std::nullopt;
+    if (value->dataType() == hs::DATA_TYPE_INT32) return value->getInt32();
+    if (value->dataType() == hs::DATA_TYPE_FLOAT64) return value->getDouble();
+    return std::nullopt;
+}
+
+std::string word_of(const hs::LumoraProperty* value) { return value == nullptr ? std::string() : value->getString({}); }
+
+// "on" or "off" switch a setting; a number is not for these keys, any other word is wrong.
+Outcome set_switch(const hs::LumoraProperty* value, void (*apply)(ShellContext&, bool), ShellContext& context) {
+    if (number_of(value)) return kNotSupported;
+    const std::string word = word_of(value);
+    if (word != "on" && word != "off") return kInvalid;
+    apply(context, word == "on");
+    return kSuccess;
+}
+
+void print_value(const char* key, const std::string& value) { std::printf("-> result : %s %s\n", key, value.c_str()); }
+
+void print_float(const char* key, float value) { std::printf("-> result : %s %f\n", key, static_cast<double>(value)); }
+
+struct Resolution {
+    int width;
+    int height;
+};
+constexpr std::array<Resolution, 3> kResolutions = {{{160, 120}, {320, 240}, {640, 480}}};
+
+// A bound of a colour-map range, as (max, min) with the max first.
+enum class Bound { Max, Min };
+
+template <const display::Range* (*Get)(), void (*Set)(const display::Range&), Bound B>
+Outcome set_scale(ShellContext& /*context*/, const hs::LumoraProperty* value, const std::string& /*rest*/) {
+    const auto number = number_of(value);
+    if (!number) return kInvalid;
+    display::Range range = *Get();
+    (B == Bound::Max ? range.first : range.second) = static_cast<float>(*number);
+    Set(range);
+    return kSuccess;
+}
+
+template <const display::Range* (*Get)(), Bound B>
+Outcome get_scale(const char* key, ShellContext& /*context*/, const hs::LumoraProperty* /*value*/) {
+    const display::Range& range = *Get();
+    print_float(key, B == Bound::Max ? range.first : range.second);
+    return std::nullopt;
+}
+
+Outcome set_display(ShellContext& context, const hs::LumoraProperty* value, const std::string& /*rest*/) {
+    return set_switch(
+        value, [](ShellContext& c, bool on) { c.renderer->setDisplay(on); }, context);
+}
+
+Outcome get_display(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    print_value(key, context.renderer->isDisplay() ? "on" : "off");
+    return std::nullopt;
+}
+
+Outcome set_display_resolution(ShellContext& context, const hs::LumoraProperty* value, const std::string& /*rest*/) {
+    const auto number = number_of(value);
+    if (!number) return kInvalid;
+    for (size_t i = 0; i < kResolutions.size(); ++i) {
+        if (*number != static_cast<double>(i)) continue;
+        context.renderer->setDisplayResolution(kResolutions[i].width, kResolutions[i].height);
+        return kSuccess;
+    }
+    return kNotSupported;
+}
+
+Outcome get_display_resolution(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    const auto [width, height] = context.renderer->displayResolution();
+    for (size_t i = 0; i < kResolutions.size(); ++i) {
+        if (kResolutions[i].width == width && kResolutions[i].height == height) {
+            print_value(key, std::to_string(i));
+            return std::nullopt;
+        }
+    }
+    // Never set: frames are shown at their own size.
+    print_value(key, "-1");
+    return std::nullopt;
+}
+
+Outcome set_fps_check(ShellContext& context, const hs::LumoraProperty* value, const std::string& /*rest*/) {
+    return set_switch(
+        value, [](ShellContext& c, bool on) { c.renderer->setErrorCheck(on); }, context);
+}
+
+Outcome get_fps_check(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    print_value(key, context.renderer->isErrorCheck() ? "on" : "off");
+    return std::nullopt;
+}
+
+template <Bound B>
+Outcome set_fps_bound(ShellContext& context, const hs::LumoraProperty* value, const std::string& /*rest*/) {
+    const auto number = number_of(value);
+    if (!number) return kNotSupported;
+    const auto bound = static_cast<float>(*number);
+    if (B == Bound::Max) {
+        context.renderer->setMaximum(bound);
+    } else {
+        context.renderer->setMinimum(bound);
+    }
+    return kSuccess;
+}
+
+template <Bound B>
+Outcome get_fps_bound(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    const auto [maximum, minimum] = context.renderer->getRange();
+    print_float(key, B == Bound::Max ? maximum : minimum);
+    return std::nullopt;
+}
+
+// A number as an unsigned 32-bit value; negative or larger numbers wrap or saturate to
+// values the dump sink refuses.
+std::uint32_t as_u32(const hs::LumoraProperty& number) {
+    if (number.dataType() == hs::DATA_TYPE_INT32) return static_cast<std::uint32_t>(number.getInt32());
+    const double value = number.getDouble();
+    return value >= 0.0 && value < 4294967296.0 ? static_cast<std::uint32_t>(value) : UINT32_MAX;
+}
+
+// "frame_dump MODE COUNT": MODE is the typed value, COUNT the next word.
+Outcome set_frame_dump(ShellContext& context, const hs::LumoraProperty* value, const std::string& rest) {
+    if (!number_of(value)) return kNotSupported;
+    std::istringstream words(rest);
+    std::string mode;
+    std::string countWord;
+    words >> mode >> countWord;
+    if (!terminal::isInteger(countWord)) return kInvalid;
+    std::uint32_t count = UINT32_MAX;
+    try {
+        count = static_cast<std::uint32_t>(terminal::toInt(countWord, -1));
+    } catch (const std::out_of_range&) {
+        // Beyond 32 bits: a count the sink refuses.
+    }
+    // The frame types the camera is running with decide which modes it can serve.
+    context.dumpSink->requestDump(context.camera ? context.camera->wantedFrame() : 0, as_u32(*value), count);
+    return kSuccess;
+}
+
+// A missing file name is not caught here: the inspector takes an empty path as nothing to
+// read.
+Outcome get_frame_dump(const char* /*key*/, ShellContext& context, const hs::LumoraProperty* value) {
+    context.dumpSink->inspectDumpFile(word_of(value));
+    return std::nullopt;
+}
+
+struct Setting {
+    const char* key;
+    Outcome (*set)(ShellContext& context, const hs::LumoraProperty* value, const std::string& rest);
+    Outcome (*get)(const char* key, ShellContext& context, const hs::LumoraProperty* value);
+};
+
+// In the order "set" compares the keys.
+constexpr std::array<Setting, 10> kSettings = {{
+    {"display", set_display, get_display},
+    {"display_resolution", set_display_resolution, get_display_resolution},
+    {"scale_rgb_max", set_scale<display::getDepthRange, display::setDepthRange, Bound::Max>,
+     get_scale<display::getDepthRange, Bound::Max>},
+    {"scale_rgb_min", set_scale<display::getDepthRange, display::setDepthRange, Bound::Min>,
+     get_scale<display::getDepthRange, Bound::Min>},
+    {"scale_gray_max", set_scale<display::getGrayRange, display::setGrayRange, Bound::Max>,
+     get_scale<display::getGrayRange, Bound::Max>},
+    {"scale_gray_min", set_scale<display::getGrayRange, display::setGrayRange, Bound::Min>,
+     get_scale<display::getGrayRange, Bound::Min>},
+    {"fps_error_check", set_fps_check, get_fps_check},
+    {"fps_error_check_min", set_fps_bound<Bound::Min>, get_fps_bound<Bound::Min>},
+    {"fps_error_check_max", set_fps_bound<Bound::Max>, get_fps_bound<Bound::Max>},
+    {"frame_dump", set_frame_dump, get_frame_dump},
+}};
+
+}  // namespace
+
+Outcome set_setting(ShellContext& context, const std::string& key, const hs::LumoraProperty* value,
+                    const std::string& rest) {
+    if (context.renderer == nullptr || context.dumpSink == nullptr) return kNotSupported;
+    for (const Setting& setting : kSettings)
+        if (key == setting.key) return setting.set(context, value, rest);
+    return kNotSupported;
+}
+
+Outcome get_setting(ShellContext& context, const std::string& key, const hs::LumoraProperty* value) {
+    if (context.renderer == nullptr || context.dumpSink == nullptr) return kNotSupported;
+    for (const Setting& setting : kSettings)
+        if (key == setting.key) return setting.get(setting.key, context, value);
+    return kNotSupported;
+}
+
+}  // namespace lumora::shell
