@@ -197,7 +197,7 @@ TEST_F(FrameConversion, ConsoleReadoutAndFramerateImage) {
         const std::size_t centre = 1 * 4 + 2;
         const bool cloud = type >= hs::LumoraFrame::FRAME_POINTCLOUD;
         data[(cloud ? 2 * 8 : 0) + centre] = cloud ? 1.25F : (type == hs::LumoraFrame::FRAME_DEPTH ? 812.0F : 77.0F);
-        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) data[std::size_t{3 * 8} + centre] = 55.0F;
+        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) data[std::size_t{3} * 8 + centre] = 55.0F;
         frames.push_back(frame);
     }
     EXPECT_EQ(consoleReadout("fps : 30.00", hs::sim::make_frame_list(frames)),
