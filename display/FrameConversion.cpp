@@ -1,8 +1,8 @@
-// Design note: convertDepthAmplitude and convertPointCloud share their work (rows of the
-// images; pixels of the cloud to gather and project) between the calling thread and one
-// helper thread started for that call: both claim pieces from an atomic counter until none
-// are left. Each piece writes only its own rows or its own part of the buffers; the caller
-// joins the helper before it reads any of them, and nothing outlives the call.
+// Design note: convertPointCloud shares its work (pixels of the cloud to gather and project)
+// between the calling thread and one helper thread started for that call: both claim pieces
+// from an atomic counter until none are left. Each piece writes only its own part of the
+// buffers; the caller joins the helper before it reads any of them, and the helper does not
+// outlive the call.
 #include "FrameConversion.h"
 
 #include <algorithm>
@@ -28,13 +28,13 @@ namespace hs = halden::sensor;
 
 namespace {
 
-// Below this many points or pixels a second thread costs more than it saves.
+// Below this many points a second thread costs more than it saves. Depth and amplitude are
+// not shared: a VGA list is about 0.3 ms of work, and starting and joining a helper costs as
+// much whenever the other core is busy.
 constexpr std::size_t kSplitPoints = 20000;
-constexpr std::size_t kSplitPixels = 60000;
 // The pieces the two threads claim: small enough that a helper starting late still finds
-// work, large enough that claiming one costs little beside it.
+// work, large enough that claiming one costs little beside the projection.
 constexpr std::size_t kPiecePoints = 16384;
-constexpr std::size_t kPieceRows = 16;
 
 // Runs work(begin, end) over [0, count) in pieces of `piece`, claimed in turn by the caller
 // and, when `split`, by one helper thread started for this call. A helper that starts late
@@ -254,24 +254,18 @@ void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
     if (withDepth) depthImage.image.create(display, CV_8UC3);
     if (withAmplitude) amplitudeImage.image.create(display, CV_8UC1);
 
-    const auto rowsFrom = [&](std::size_t begin, std::size_t end) {
-        std::vector<std::uint16_t> scratch(static_cast<std::size_t>(display.width));
-        const auto samples = [&](const Plane& plane, std::size_t offset) {
-            return plane.u16 ? samplesOf(plane.u16 + offset, columnMap, display.width, scratch.data())
-                             : samplesOf(plane.f32 + offset, columnMap, display.width, scratch.data());
-        };
-        for (auto y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
-            const std::size_t offset = static_cast<std::size_t>(rows[static_cast<std::size_t>(y)]) * shape.width;
-            if (withDepth)
-                colourRow(samples(depthPlane, offset), display.width, depthImage.image.ptr<std::uint8_t>(y), packed,
-                          index);
-            if (withAmplitude)
-                grayRow(samples(amplitudePlane, offset), display.width, amplitudeImage.image.ptr<std::uint8_t>(y),
-                        gray);
-        }
+    std::vector<std::uint16_t> scratch(static_cast<std::size_t>(display.width));
+    const auto samples = [&](const Plane& plane, std::size_t offset) {
+        return plane.u16 ? samplesOf(plane.u16 + offset, columnMap, display.width, scratch.data())
+                         : samplesOf(plane.f32 + offset, columnMap, display.width, scratch.data());
     };
-    const auto pixels = static_cast<std::size_t>(display.area());
-    shareOut(static_cast<std::size_t>(display.height), kPieceRows, pixels >= kSplitPixels, rowsFrom);
+    for (int y = 0; y < display.height; ++y) {
+        const std::size_t offset = static_cast<std::size_t>(rows[static_cast<std::size_t>(y)]) * shape.width;
+        if (withDepth)
+            colourRow(samples(depthPlane, offset), display.width, depthImage.image.ptr<std::uint8_t>(y), packed, index);
+        if (withAmplitude)
+            grayRow(samples(amplitudePlane, offset), display.width, amplitudeImage.image.ptr<std::uint8_t>(y), gray);
+    }
 
     if (withDepth) {
         const auto at = sourceIndex(rows, columns, shape.width, display, depthPoint);
@@ -331,14 +325,23 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
 
     // Each piece gathers the points with z > 0 of its own pixels to the start of its own part
     // of the buffers, in pixel order, and projects them in place.
-    cv::Mat points(static_cast<int>(count), 1, CV_32FC3);
-    cv::Mat projected(static_cast<int>(count), 1, CV_32FC2);
-    cv::Mat pixelOf(static_cast<int>(count), 1, CV_32SC1);
+    // Kept for the caller's next frame: fresh buffers this large come from the kernel each
+    // time, at a page fault per 4 KiB. The helper reaches them through these pointers, not
+    // through the names, which would give it its own.
+    thread_local cv::Mat pointBuffer;
+    thread_local cv::Mat projectedBuffer;
+    thread_local cv::Mat pixelBuffer;
+    pointBuffer.create(static_cast<int>(count), 1, CV_32FC3);
+    projectedBuffer.create(static_cast<int>(count), 1, CV_32FC2);
+    pixelBuffer.create(static_cast<int>(count), 1, CV_32SC1);
+    auto* const points = pointBuffer.ptr<cv::Point3f>();
+    auto* const projected = projectedBuffer.ptr<cv::Point2f>();
+    auto* const pixelOf = pixelBuffer.ptr<std::uint32_t>();
     const std::size_t piece = count >= kSplitPoints ? kPiecePoints : std::max<std::size_t>(count, 1);
     std::vector<std::size_t> kept((count + piece - 1) / piece);
     const auto gatherAndProject = [&](std::size_t begin, std::size_t end) {
-        auto* point = points.ptr<cv::Point3f>() + begin;
-        auto* pixel = pixelOf.ptr<std::uint32_t>() + begin;
+        cv::Point3f* point = points + begin;
+        std::uint32_t* pixel = pixelOf + begin;
         std::size_t n = 0;
         for (std::size_t i = begin; i < end; ++i) {
             point[n] = {x[i], y[i], z[i]};
@@ -347,10 +350,9 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
         }
         kept[begin / piece] = n;
         if (n == 0) return;
-        const auto rows = cv::Range(static_cast<int>(begin), static_cast<int>(begin + n));
-        cv::Mat out = projected.rowRange(rows);
-        cv::projectPoints(points.rowRange(rows), kNoRotation, kNoTranslation, cameraMatrix, distortion, out,
-                          cv::noArray(), 0.0);
+        const cv::Mat in(static_cast<int>(n), 1, CV_32FC3, point);
+        cv::Mat out(static_cast<int>(n), 1, CV_32FC2, projected + begin);
+        cv::projectPoints(in, kNoRotation, kNoTranslation, cameraMatrix, distortion, out, cv::noArray(), 0.0);
     };
     shareOut(count, piece, count >= kSplitPoints, gatherAndProject);
 
@@ -361,7 +363,7 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
     if (intensityImage != nullptr && intensity != nullptr) intensityImage->image = cv::Mat::zeros(display, CV_8UC1);
     const bool withIntensity = intensityImage != nullptr && !intensityImage->image.empty();
     const auto draw = [&](std::size_t begin, std::size_t n) {
-        const auto* shown = projected.ptr<cv::Point2f>() + begin;
+        const cv::Point2f* shown = projected + begin;
         for (std::size_t k = 0; k < n; ++k) {
             const float u = shown[k].x + 0.5F;
             const float v = shown[k].y + 0.5F;
@@ -370,7 +372,7 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
                 continue;
             const int column = static_cast<int>(u);
             const int row = static_cast<int>(v);
-            const std::uint32_t pixel = pixelOf.ptr<std::uint32_t>()[begin + k];
+            const std::uint32_t pixel = pixelOf[begin + k];
             const std::uint32_t colour = colourOf(packed, index, toSample(z[pixel] * 1000.0F));
             std::memcpy(depthImage.image.ptr<std::uint8_t>(row) + std::ptrdiff_t{3} * column, &colour, 3);
             if (withIntensity) intensityImage->image.at<std::uint8_t>(row, column) = gray[toSample(intensity[pixel])];

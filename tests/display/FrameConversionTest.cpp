@@ -62,10 +62,9 @@ protected:
 };
 
 TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
-    // Large enough to be shared between two threads, with rows that are not a whole number
-    // of four pixels.
-    const int width = 322;
-    const int height = 241;
+    // Rows that are not a whole number of four or eight pixels.
+    const int width = 62;
+    const int height = 47;
     std::vector<cv::Mat> depthImages;
     for (const auto dataType : {hs::DATA_TYPE_UINT16, hs::DATA_TYPE_FLOAT32}) {
         WindowImage depth;
@@ -87,7 +86,7 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
         const std::uint16_t atPoint = mValues[static_cast<std::size_t>(20 * width + 10) % mValues.size()];
         EXPECT_EQ(depth.readout, "  x:10, y:20, d:" + std::to_string(atPoint));
         const std::uint16_t atCorner = mValues[static_cast<std::size_t>(width * height - 1) % mValues.size()];
-        EXPECT_EQ(amplitude.readout, "  x:321, y:240, a:" + std::to_string(atCorner));
+        EXPECT_EQ(amplitude.readout, "  x:61, y:46, a:" + std::to_string(atCorner));
         // The marker is the pixel's inverse, and drawn over it.
         const cv::Vec3b pixel = ruleColour(atPoint);
         EXPECT_EQ(depth.marker, cv::Scalar(255 - pixel[0], 255 - pixel[1], 255 - pixel[2], 0));
