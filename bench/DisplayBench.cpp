@@ -1,12 +1,21 @@
-// The live display's conversion of one VGA list, each beside a baseline of the same run: a
-// memcpy of the bytes the depth + amplitude pass touches (4 read, 4 written per pixel),
-// OpenCV's convertTo + applyColorMap(JET) + amplitude convertTo for the same two images,
-// and a bare cv::projectPoints of the same point cloud.
+// The live display's conversion of one VGA list, each beside a baseline timed in the same
+// rounds, call for call, so that a machine busy with other work slows both alike; the
+// figures are the medians of the rounds.
+// - Depth + amplitude: a memcpy of the bytes the pass touches (4 read, 4 written per pixel,
+//   into a fresh colour and a fresh gray image, as the conversion writes), the 16-bit and
+//   the float conversion, and OpenCV's convertTo + applyColorMap(JET) + amplitude
+//   convertTo. Every call reads a different list from a pool larger than the last-level
+//   cache, so no call finds its input in cache left there by an earlier one.
+// - Point cloud: the image from a VGA cloud, and a bare cv::projectPoints of the same points.
 #include <benchmark/benchmark.h>
 
-#include <cmath>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -22,6 +31,8 @@ namespace {
 
 namespace hs = halden::sensor;
 namespace ld = lumora::display;
+using Clock = std::chrono::steady_clock;
+using Frame = std::shared_ptr<hs::LumoraFrame>;
 
 constexpr int kWidth = 640;
 constexpr int kHeight = 480;
@@ -37,7 +48,7 @@ std::uint16_t depthAt(std::size_t i) {
 }
 std::uint16_t amplitudeAt(std::size_t i) { return static_cast<std::uint16_t>(60000000U / (depthAt(i) + 300U) / 100U); }
 
-std::shared_ptr<hs::LumoraFrame> basic(hs::LumoraFrame::FrameType type, hs::DataType dataType) {
+Frame basic(hs::LumoraFrame::FrameType type, hs::DataType dataType) {
     auto frame = hs::sim::make_frame(type, dataType, kWidth, kHeight, 1, 0);
     void* data = hs::sim::frame_data(frame);
     for (std::size_t i = 0; i < kPixels; ++i) {
@@ -50,47 +61,91 @@ std::shared_ptr<hs::LumoraFrame> basic(hs::LumoraFrame::FrameType type, hs::Data
     return frame;
 }
 
+std::size_t lastLevelCache() {
+    const long reported = sysconf(_SC_LEVEL3_CACHE_SIZE);
+    return reported > 0 ? static_cast<std::size_t>(reported) : std::size_t{64} << 20U;
+}
+
+// Depth + amplitude lists of one data type, together a quarter larger than the last-level
+// cache; next() hands them out in turn.
+class ListPool {
+public:
+    explicit ListPool(hs::DataType dataType) {
+        const Frame depth = basic(hs::LumoraFrame::FRAME_DEPTH, dataType);
+        const Frame amplitude = basic(hs::LumoraFrame::FRAME_AMPLITUDE, dataType);
+        const std::size_t bytes = kPixels * (dataType == hs::DATA_TYPE_UINT16 ? 2 : 4);
+        const std::size_t lists = std::max<std::size_t>(4, lastLevelCache() * 5 / 4 / (2 * bytes) + 1);
+        for (std::size_t k = 0; k < lists; ++k)
+            for (const Frame& model : {depth, amplitude}) {
+                Frame copy = hs::sim::make_frame(model->frameType(), dataType, kWidth, kHeight, 1, 0);
+                std::memcpy(hs::sim::frame_data(copy), hs::sim::frame_data(model), bytes);
+                mFrames.push_back(copy);
+            }
+        mBytes = mFrames.size() * bytes;
+    }
+    std::pair<const Frame&, const Frame&> next() {
+        const std::size_t k = mNext;
+        mNext = (mNext + 2) % mFrames.size();
+        return {mFrames[k], mFrames[k + 1]};
+    }
+    std::size_t bytes() const { return mBytes; }
+
+private:
+    std::vector<Frame> mFrames;
+    std::size_t mNext = 0;
+    std::size_t mBytes = 0;
+};
+
+double median(std::vector<double> samples) {
+    const auto middle = samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 2);
+    std::nth_element(samples.begin(), middle, samples.end());
+    return *middle;
+}
+
+// Times `work` once into `samples`, in milliseconds.
+void timeOnce(std::vector<double>& samples, const std::function<void()>& work) {
+    const auto start = Clock::now();
+    work();
+    samples.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+}
+
 void setUp() {
     ld::initColorMaps();
     ld::setDepthRange({7000.0F, 0.0F});
     ld::setGrayRange({230.0F, 0.0F});
 }
 
-void BM_TouchedBytesMemcpy(benchmark::State& state) {
-    std::vector<std::uint8_t> from(4 * kPixels, 1);
-    std::vector<std::uint8_t> to(4 * kPixels);
-    for (auto _ : state) {
-        std::memcpy(to.data(), from.data(), from.size());
-        benchmark::DoNotOptimize(to.data());
-        benchmark::ClobberMemory();
-    }
-}
-BENCHMARK(BM_TouchedBytesMemcpy)->MinTime(1.0);
-
-void convertBench(benchmark::State& state, hs::DataType dataType) {
+void BM_DepthAmplitudeVga(benchmark::State& state) {
     setUp();
-    const auto depth = basic(hs::LumoraFrame::FRAME_DEPTH, dataType);
-    const auto amplitude = basic(hs::LumoraFrame::FRAME_AMPLITUDE, dataType);
-    for (auto _ : state) {
+    ListPool u16(hs::DATA_TYPE_UINT16);
+    ListPool f32(hs::DATA_TYPE_FLOAT32);
+    const auto memcpyTouched = [&] {
+        const auto [depth, amplitude] = u16.next();
+        const auto* depthBytes = static_cast<const std::uint8_t*>(hs::sim::frame_data(depth));
+        const auto* amplitudeBytes = static_cast<const std::uint8_t*>(hs::sim::frame_data(amplitude));
+        cv::Mat colour(kHeight, kWidth, CV_8UC3);
+        cv::Mat gray(kHeight, kWidth, CV_8UC1);
+        // 2 + 2 bytes read and 3 + 1 written per pixel.
+        std::memcpy(colour.data, depthBytes, 2 * kPixels);
+        std::memcpy(colour.data + 2 * kPixels, amplitudeBytes, kPixels);
+        std::memcpy(gray.data, amplitudeBytes + kPixels, kPixels);
+        benchmark::DoNotOptimize(colour.data);
+        benchmark::DoNotOptimize(gray.data);
+        benchmark::ClobberMemory();
+    };
+    const auto convert = [](ListPool& pool) {
+        const auto [depth, amplitude] = pool.next();
         ld::WindowImage depthImage;
         ld::WindowImage amplitudeImage;
         ld::convertDepthAmplitude(depth, amplitude, {kWidth, kHeight}, {320, 240}, {320, 240}, depthImage,
                                   amplitudeImage);
         benchmark::DoNotOptimize(depthImage.image.data);
         benchmark::DoNotOptimize(amplitudeImage.image.data);
-    }
-}
-void BM_DepthAmplitude16(benchmark::State& state) { convertBench(state, hs::DATA_TYPE_UINT16); }
-void BM_DepthAmplitude32f(benchmark::State& state) { convertBench(state, hs::DATA_TYPE_FLOAT32); }
-BENCHMARK(BM_DepthAmplitude16)->MinTime(1.0);
-BENCHMARK(BM_DepthAmplitude32f)->MinTime(1.0);
-
-void BM_OpenCvJetPath(benchmark::State& state) {
-    const auto depth = basic(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_UINT16);
-    const auto amplitude = basic(hs::LumoraFrame::FRAME_AMPLITUDE, hs::DATA_TYPE_UINT16);
-    const cv::Mat depthValues(kHeight, kWidth, CV_16UC1, hs::sim::frame_data(depth));
-    const cv::Mat amplitudeValues(kHeight, kWidth, CV_16UC1, hs::sim::frame_data(amplitude));
-    for (auto _ : state) {
+    };
+    const auto openCvJet = [&] {
+        const auto [depth, amplitude] = u16.next();
+        const cv::Mat depthValues(kHeight, kWidth, CV_16UC1, hs::sim::frame_data(depth));
+        const cv::Mat amplitudeValues(kHeight, kWidth, CV_16UC1, hs::sim::frame_data(amplitude));
         cv::Mat depth8;
         cv::Mat colour;
         cv::Mat gray;
@@ -99,13 +154,31 @@ void BM_OpenCvJetPath(benchmark::State& state) {
         amplitudeValues.convertTo(gray, CV_8U, 255.0 / 230.0);
         benchmark::DoNotOptimize(colour.data);
         benchmark::DoNotOptimize(gray.data);
-    }
+    };
+    constexpr int kRounds = 500;
+    std::vector<double> copied;
+    std::vector<double> converted16;
+    std::vector<double> converted32;
+    std::vector<double> jet;
+    for (auto _ : state)
+        for (int round = 0; round < kRounds; ++round) {
+            timeOnce(copied, memcpyTouched);
+            timeOnce(converted16, [&] { convert(u16); });
+            timeOnce(converted32, [&] { convert(f32); });
+            timeOnce(jet, openCvJet);
+        }
+    state.counters["memcpy_ms"] = median(copied);
+    state.counters["u16_ms"] = median(converted16);
+    state.counters["f32_ms"] = median(converted32);
+    state.counters["jet_ms"] = median(jet);
+    state.counters["pool_MB"] = static_cast<double>(std::min(u16.bytes(), f32.bytes())) / 1e6;
+    state.counters["llc_MB"] = static_cast<double>(lastLevelCache()) / 1e6;
 }
-BENCHMARK(BM_OpenCvJetPath)->MinTime(1.0);
+BENCHMARK(BM_DepthAmplitudeVga)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // A VGA cloud: every pixel's point on its ray through a 70 degree lens, at the ramp's depth.
 struct Cloud {
-    std::shared_ptr<hs::LumoraFrame> frame;
+    Frame frame;
     std::vector<cv::Point3f> points;
     ld::Projection lens = ld::defaultProjection({kWidth, kHeight});
 };
@@ -127,29 +200,34 @@ Cloud makeCloud() {
     return cloud;
 }
 
-void BM_ProjectPointsBare(benchmark::State& state) {
+void BM_PointCloudVga(benchmark::State& state) {
+    setUp();
     const Cloud cloud = makeCloud();
     const auto& in = cloud.lens.intrinsics;
     const cv::Matx33d camera(in.fx, 0, in.cx, 0, in.fy, in.cy, 0, 0, 1);
     const cv::Matx<double, 1, 5> distortion(0, 0, 0, 0, 0);
     std::vector<cv::Point2f> projected;
-    for (auto _ : state) {
+    const auto bare = [&] {
         cv::projectPoints(cloud.points, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), camera, distortion, projected,
                           cv::noArray(), 0.0);
         benchmark::DoNotOptimize(projected.data());
-    }
+    };
+    const auto image = [&] {
+        ld::WindowImage depthImage;
+        ld::convertPointCloud(cloud.frame, cloud.lens, {kWidth, kHeight}, {320, 240}, {320, 240}, depthImage, nullptr);
+        benchmark::DoNotOptimize(depthImage.image.data);
+    };
+    constexpr int kRounds = 60;
+    std::vector<double> bareTimes;
+    std::vector<double> imageTimes;
+    for (auto _ : state)
+        for (int round = 0; round < kRounds; ++round) {
+            timeOnce(bareTimes, bare);
+            timeOnce(imageTimes, image);
+        }
+    state.counters["bare_ms"] = median(bareTimes);
+    state.counters["image_ms"] = median(imageTimes);
 }
-BENCHMARK(BM_ProjectPointsBare)->MinTime(1.0)->UseRealTime();
-
-void BM_PointCloudImage(benchmark::State& state) {
-    setUp();
-    const Cloud cloud = makeCloud();
-    for (auto _ : state) {
-        ld::WindowImage image;
-        ld::convertPointCloud(cloud.frame, cloud.lens, {kWidth, kHeight}, {320, 240}, {320, 240}, image, nullptr);
-        benchmark::DoNotOptimize(image.image.data);
-    }
-}
-BENCHMARK(BM_PointCloudImage)->MinTime(1.0)->UseRealTime();
+BENCHMARK(BM_PointCloudVga)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -1,19 +1,23 @@
-// Design note: convertPointCloud splits cv::projectPoints over the calling thread and one
-// helper thread it starts for that frame. The helper projects the second half of the points
-// into its own output; the caller projects the first half, then joins the helper before it
-// reads either half. Nothing outlives the call.
+// Design note: convertPointCloud shares its work (pixels of the cloud to gather and project)
+// between the calling thread and one helper thread started for that call: both claim pieces
+// from an atomic counter until none are left. Each piece writes only its own part of the
+// buffers; the caller joins the helper before it reads any of them, and the helper does not
+// outlive the call.
 #include "FrameConversion.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include <opencv2/calib3d.hpp>
+#include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "ColorMaps.h"
@@ -24,8 +28,38 @@ namespace hs = halden::sensor;
 
 namespace {
 
-// Below this many points a second thread costs more than it saves.
+// Below this many points a second thread costs more than it saves. Depth and amplitude are
+// not shared: a VGA list is about 0.3 ms of work, and starting and joining a helper costs as
+// much whenever the other core is busy.
 constexpr std::size_t kSplitPoints = 20000;
+// The pieces the two threads claim: small enough that a helper starting late still finds
+// work, large enough that claiming one costs little beside the projection.
+constexpr std::size_t kPiecePoints = 16384;
+
+// Runs work(begin, end) over [0, count) in pieces of `piece`, claimed in turn by the caller
+// and, when `split`, by one helper thread started for this call. A helper that starts late
+// finds the pieces taken, so a busy machine costs the caller no more than the thread's start.
+template <typename Work>
+void shareOut(std::size_t count, std::size_t piece, bool split, const Work& work) {
+    std::atomic<std::size_t> next{0};
+    const auto claim = [&] {
+        for (;;) {
+            const std::size_t begin = next.fetch_add(piece, std::memory_order_relaxed);
+            if (begin >= count) return;
+            work(begin, std::min(count, begin + piece));
+        }
+    };
+    std::thread helper;
+    if (split) {
+        try {
+            helper = std::thread(claim);
+        } catch (const std::system_error&) {
+            // Without a helper the caller claims every piece.
+        }
+    }
+    claim();
+    if (helper.joinable()) helper.join();
+}
 
 // Float samples read as the nearest integer within the 16-bit range, without libm; NaN
 // fails both comparisons and reads 0.
@@ -68,40 +102,79 @@ bool inside(cv::Size size, cv::Point point) {
 }
 
 // The n samples of a displayed row: the row itself when unscaled 16-bit, else gathered
-// (and, for float data, converted) into `scratch`.
-const std::uint16_t* samplesOf(const std::uint16_t* source, const int* columns, int n,
-                               std::vector<std::uint16_t>& scratch) {
+// (and, for float data, converted) into `scratch`, which holds n samples.
+const std::uint16_t* samplesOf(const std::uint16_t* source, const int* columns, int n, std::uint16_t* scratch) {
     if (columns == nullptr) return source;
     for (int i = 0; i < n; ++i)
-        scratch[static_cast<std::size_t>(i)] = source[columns[i]];
-    return scratch.data();
+        scratch[i] = source[columns[i]];
+    return scratch;
 }
-const std::uint16_t* samplesOf(const float* source, const int* columns, int n, std::vector<std::uint16_t>& scratch) {
-    std::uint16_t* out = scratch.data();
-    if (columns == nullptr) {
-        for (int i = 0; i < n; ++i)
-            out[i] = toSample(source[i]);
-    } else {
-        for (int i = 0; i < n; ++i)
-            out[i] = toSample(source[columns[i]]);
-    }
-    return out;
+// toSample on n floats, eight at a time in vector registers where the platform has them.
+// The clamps are selects on comparisons, so NaN reads 0 on every instruction set.
+void toSamples(const float* source, int n, std::uint16_t* out) {
+    int i = 0;
+#if CV_SIMD128
+    const cv::v_float32x4 zero = cv::v_setzero_f32();
+    const cv::v_float32x4 top = cv::v_setall_f32(65535.0F);
+    const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
+    const auto four = [&](const float* from) {
+        cv::v_float32x4 value = cv::v_load(from);
+        value = cv::v_select(value > zero, value, zero);
+        value = cv::v_select(value < top, value, top);
+        const cv::v_int32x4 whole = cv::v_trunc(value);
+        // A true comparison is all ones, -1 as an integer.
+        return whole - cv::v_reinterpret_as_s32(value - cv::v_cvt_f32(whole) >= half);
+    };
+    for (; i + 8 <= n; i += 8)
+        cv::v_store(out + i, cv::v_pack_u(four(source + i), four(source + i + 4)));
+#endif
+    for (; i < n; ++i)
+        out[i] = toSample(source[i]);
 }
 
-// Writes n colour pixels; every store but the last spills one byte into the next pixel.
+const std::uint16_t* samplesOf(const float* source, const int* columns, int n, std::uint16_t* scratch) {
+    if (columns == nullptr) {
+        toSamples(source, n, scratch);
+    } else {
+        for (int i = 0; i < n; ++i)
+            scratch[i] = toSample(source[columns[i]]);
+    }
+    return scratch;
+}
+
+// Writes n colour pixels, four at a time as three 4-byte words.
 void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const PackedPalette& packed,
                const DepthIndexTable& index) {
-    if (n <= 0) return;
-    for (int i = 0; i + 1 < n; ++i) {
-        const std::uint32_t pixel = colourOf(packed, index, samples[i]);
-        std::memcpy(out + std::ptrdiff_t{3} * i, &pixel, 4);
+    int i = 0;
+    for (; i + 4 <= n; i += 4, out += 12) {
+        const std::uint32_t c0 = colourOf(packed, index, samples[i]);
+        const std::uint32_t c1 = colourOf(packed, index, samples[i + 1]);
+        const std::uint32_t c2 = colourOf(packed, index, samples[i + 2]);
+        const std::uint32_t c3 = colourOf(packed, index, samples[i + 3]);
+        // Three stores of their own: one 12-byte copy would go through the stack.
+        const std::uint32_t first = c0 | c1 << 24U;
+        const std::uint32_t second = c1 >> 8U | c2 << 16U;
+        const std::uint32_t third = c2 >> 16U | c3 << 8U;
+        std::memcpy(out, &first, 4);
+        std::memcpy(out + 4, &second, 4);
+        std::memcpy(out + 8, &third, 4);
     }
-    const std::uint32_t last = colourOf(packed, index, samples[n - 1]);
-    std::memcpy(out + std::ptrdiff_t{3} * (n - 1), &last, 3);
+    for (; i < n; ++i, out += 3) {
+        const std::uint32_t pixel = colourOf(packed, index, samples[i]);
+        std::memcpy(out, &pixel, 3);
+    }
 }
 
 void grayRow(const std::uint16_t* samples, int n, std::uint8_t* out, const GrayTable& gray) {
-    for (int i = 0; i < n; ++i)
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const std::uint32_t word = static_cast<std::uint32_t>(gray[samples[i]]) |
+                                   static_cast<std::uint32_t>(gray[samples[i + 1]]) << 8U |
+                                   static_cast<std::uint32_t>(gray[samples[i + 2]]) << 16U |
+                                   static_cast<std::uint32_t>(gray[samples[i + 3]]) << 24U;
+        std::memcpy(out + i, &word, 4);
+    }
+    for (; i < n; ++i)
         out[i] = gray[samples[i]];
 }
 
@@ -183,8 +256,8 @@ void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
 
     std::vector<std::uint16_t> scratch(static_cast<std::size_t>(display.width));
     const auto samples = [&](const Plane& plane, std::size_t offset) {
-        return plane.u16 ? samplesOf(plane.u16 + offset, columnMap, display.width, scratch)
-                         : samplesOf(plane.f32 + offset, columnMap, display.width, scratch);
+        return plane.u16 ? samplesOf(plane.u16 + offset, columnMap, display.width, scratch.data())
+                         : samplesOf(plane.f32 + offset, columnMap, display.width, scratch.data());
     };
     for (int y = 0; y < display.height; ++y) {
         const std::size_t offset = static_cast<std::size_t>(rows[static_cast<std::size_t>(y)]) * shape.width;
@@ -240,16 +313,6 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
     const int height = frame->height();
     const std::size_t count = frame->elementCount();
 
-    std::vector<cv::Point3f> points;
-    std::vector<std::uint32_t> pixels;
-    points.reserve(count);
-    pixels.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) {
-        if (!(z[i] > 0.0F)) continue;
-        points.emplace_back(x[i], y[i], z[i]);
-        pixels.push_back(static_cast<std::uint32_t>(i));
-    }
-
     const double sx = static_cast<double>(display.width) / projection.size.width;
     const double sy = static_cast<double>(display.height) / projection.size.height;
     const cv::Matx33d cameraMatrix(projection.intrinsics.fx * sx, 0.0, projection.intrinsics.cx * sx, 0.0,
@@ -259,18 +322,39 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
                                             projection.distortion.k3);
     static const cv::Vec3d kNoRotation(0.0, 0.0, 0.0);
     static const cv::Vec3d kNoTranslation(0.0, 0.0, 0.0);
-    const auto project = [&](std::size_t begin, std::size_t end, std::vector<cv::Point2f>& out) {
-        if (begin == end) return;
-        const cv::Mat in(static_cast<int>(end - begin), 1, CV_32FC3, &points[begin]);
+
+    // Each piece gathers the points with z > 0 of its own pixels to the start of its own part
+    // of the buffers, in pixel order, and projects them in place.
+    // Kept for the caller's next frame: fresh buffers this large come from the kernel each
+    // time, at a page fault per 4 KiB. The helper reaches them through these pointers, not
+    // through the names, which would give it its own.
+    thread_local cv::Mat pointBuffer;
+    thread_local cv::Mat projectedBuffer;
+    thread_local cv::Mat pixelBuffer;
+    pointBuffer.create(static_cast<int>(count), 1, CV_32FC3);
+    projectedBuffer.create(static_cast<int>(count), 1, CV_32FC2);
+    pixelBuffer.create(static_cast<int>(count), 1, CV_32SC1);
+    auto* const points = pointBuffer.ptr<cv::Point3f>();
+    auto* const projected = projectedBuffer.ptr<cv::Point2f>();
+    auto* const pixelOf = pixelBuffer.ptr<std::uint32_t>();
+    const std::size_t piece = count >= kSplitPoints ? kPiecePoints : std::max<std::size_t>(count, 1);
+    std::vector<std::size_t> kept((count + piece - 1) / piece);
+    const auto gatherAndProject = [&](std::size_t begin, std::size_t end) {
+        cv::Point3f* point = points + begin;
+        std::uint32_t* pixel = pixelOf + begin;
+        std::size_t n = 0;
+        for (std::size_t i = begin; i < end; ++i) {
+            point[n] = {x[i], y[i], z[i]};
+            pixel[n] = static_cast<std::uint32_t>(i);
+            n += z[i] > 0.0F ? 1 : 0;
+        }
+        kept[begin / piece] = n;
+        if (n == 0) return;
+        const cv::Mat in(static_cast<int>(n), 1, CV_32FC3, point);
+        cv::Mat out(static_cast<int>(n), 1, CV_32FC2, projected + begin);
         cv::projectPoints(in, kNoRotation, kNoTranslation, cameraMatrix, distortion, out, cv::noArray(), 0.0);
     };
-    const std::size_t half = points.size() < kSplitPoints ? points.size() : points.size() / 2;
-    std::vector<cv::Point2f> first;
-    std::vector<cv::Point2f> second;
-    std::thread helper;
-    if (half < points.size()) helper = std::thread(project, half, points.size(), std::ref(second));
-    project(0, half, first);
-    if (helper.joinable()) helper.join();
+    shareOut(count, piece, count >= kSplitPoints, gatherAndProject);
 
     const PackedPalette packed = packPalette();
     const DepthIndexTable& index = depthIndexTable();
@@ -278,23 +362,25 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
     depthImage.image = cv::Mat::zeros(display, CV_8UC3);
     if (intensityImage != nullptr && intensity != nullptr) intensityImage->image = cv::Mat::zeros(display, CV_8UC1);
     const bool withIntensity = intensityImage != nullptr && !intensityImage->image.empty();
-    const auto draw = [&](const std::vector<cv::Point2f>& projected, std::size_t base) {
-        for (std::size_t k = 0; k < projected.size(); ++k) {
-            const float u = projected[k].x + 0.5F;
-            const float v = projected[k].y + 0.5F;
+    const auto draw = [&](std::size_t begin, std::size_t n) {
+        const cv::Point2f* shown = projected + begin;
+        for (std::size_t k = 0; k < n; ++k) {
+            const float u = shown[k].x + 0.5F;
+            const float v = shown[k].y + 0.5F;
             if (!(u >= 0.0F && v >= 0.0F && u < static_cast<float>(display.width) &&
                   v < static_cast<float>(display.height)))
                 continue;
             const int column = static_cast<int>(u);
             const int row = static_cast<int>(v);
-            const std::uint32_t pixel = pixels[base + k];
+            const std::uint32_t pixel = pixelOf[begin + k];
             const std::uint32_t colour = colourOf(packed, index, toSample(z[pixel] * 1000.0F));
             std::memcpy(depthImage.image.ptr<std::uint8_t>(row) + std::ptrdiff_t{3} * column, &colour, 3);
             if (withIntensity) intensityImage->image.at<std::uint8_t>(row, column) = gray[toSample(intensity[pixel])];
         }
     };
-    draw(first, 0);
-    draw(second, half);
+    // In pixel order: where points meet, the later one shows.
+    for (std::size_t k = 0; k < kept.size(); ++k)
+        draw(k * piece, kept[k]);
 
     const std::vector<int> rows = nearestMap(height, display.height);
     const std::vector<int> columns = nearestMap(width, display.width);

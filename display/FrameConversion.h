@@ -51,9 +51,11 @@ Projection defaultProjection(cv::Size frame);
 // `projection` (rescaled to `display`) onto a black image of the display size: each point
 // with z > 0 is coloured from z in millimetres through the depth tables and, for type 16,
 // its intensity through the gray table into `intensityImage`. The read-out value is the
-// frame's z at the point, in millimetres, truncated. The projection is split over two
-// threads. Frames of other data types leave both images empty; `intensityImage` may be
-// null for type 8.
+// frame's z at the point, in millimetres, truncated. Clouds of 20000 points or more are
+// gathered and projected by the caller and one helper thread started for the call. The
+// calling thread keeps its gather and projection buffers (about 24 bytes a point) for its
+// next call until it ends. Frames of other data types leave both images empty;
+// `intensityImage` may be null for type 8.
 void convertPointCloud(const std::shared_ptr<halden::sensor::LumoraFrame>& frame, const Projection& projection,
                        cv::Size display, cv::Point depthPoint, cv::Point intensityPoint, WindowImage& depthImage,
                        WindowImage* intensityImage);

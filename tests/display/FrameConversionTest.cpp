@@ -3,9 +3,12 @@
 // console read-out.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
@@ -25,10 +28,11 @@ constexpr int kWidth = 64;
 constexpr int kHeight = 48;
 
 // A depth or amplitude frame whose pixel i holds values[i % size], as 16-bit or float data.
-Frame basicFrame(hs::LumoraFrame::FrameType type, hs::DataType dataType, const std::vector<std::uint16_t>& values) {
-    Frame frame = hs::sim::make_frame(type, dataType, kWidth, kHeight, 1, 0);
+Frame basicFrame(hs::LumoraFrame::FrameType type, hs::DataType dataType, const std::vector<std::uint16_t>& values,
+                 int width = kWidth, int height = kHeight) {
+    Frame frame = hs::sim::make_frame(type, dataType, width, height, 1, 0);
     void* data = hs::sim::frame_data(frame);
-    for (int i = 0; i < kWidth * kHeight; ++i) {
+    for (int i = 0; i < width * height; ++i) {
         const std::uint16_t value = values[static_cast<std::size_t>(i) % values.size()];
         if (dataType == hs::DATA_TYPE_UINT16)
             static_cast<std::uint16_t*>(data)[i] = value;
@@ -58,28 +62,31 @@ protected:
 };
 
 TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
+    // Rows that are not a whole number of four or eight pixels.
+    const int width = 62;
+    const int height = 47;
     std::vector<cv::Mat> depthImages;
     for (const auto dataType : {hs::DATA_TYPE_UINT16, hs::DATA_TYPE_FLOAT32}) {
         WindowImage depth;
         WindowImage amplitude;
         const cv::Point point(10, 20);
-        convertDepthAmplitude(basicFrame(hs::LumoraFrame::FRAME_DEPTH, dataType, mValues),
-                              basicFrame(hs::LumoraFrame::FRAME_AMPLITUDE, dataType, mValues), {kWidth, kHeight}, point,
-                              {kWidth - 1, kHeight - 1}, depth, amplitude);
+        convertDepthAmplitude(basicFrame(hs::LumoraFrame::FRAME_DEPTH, dataType, mValues, width, height),
+                              basicFrame(hs::LumoraFrame::FRAME_AMPLITUDE, dataType, mValues, width, height),
+                              {width, height}, point, {width - 1, height - 1}, depth, amplitude);
         ASSERT_EQ(depth.image.type(), CV_8UC3);
         ASSERT_EQ(amplitude.image.type(), CV_8UC1);
-        for (int y = 0; y < kHeight; ++y)
-            for (int x = 0; x < kWidth; ++x) {
-                const std::uint16_t value = mValues[static_cast<std::size_t>(y * kWidth + x) % mValues.size()];
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) {
+                const std::uint16_t value = mValues[static_cast<std::size_t>(y * width + x) % mValues.size()];
                 ASSERT_EQ(depth.image.at<cv::Vec3b>(y, x), ruleColour(value)) << x << "," << y;
                 ASSERT_EQ(amplitude.image.at<std::uint8_t>(y, x), grayTable()[value]) << x << "," << y;
             }
         // Depth 0 is missing and black; depth 1500 of 3000 is palette entry 640.
         EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 0), cv::Vec3b(0, 0, 0));
-        const std::uint16_t atPoint = mValues[static_cast<std::size_t>(20 * kWidth + 10) % mValues.size()];
+        const std::uint16_t atPoint = mValues[static_cast<std::size_t>(20 * width + 10) % mValues.size()];
         EXPECT_EQ(depth.readout, "  x:10, y:20, d:" + std::to_string(atPoint));
-        const std::uint16_t atCorner = mValues[static_cast<std::size_t>(kWidth * kHeight - 1) % mValues.size()];
-        EXPECT_EQ(amplitude.readout, "  x:63, y:47, a:" + std::to_string(atCorner));
+        const std::uint16_t atCorner = mValues[static_cast<std::size_t>(width * height - 1) % mValues.size()];
+        EXPECT_EQ(amplitude.readout, "  x:61, y:46, a:" + std::to_string(atCorner));
         // The marker is the pixel's inverse, and drawn over it.
         const cv::Vec3b pixel = ruleColour(atPoint);
         EXPECT_EQ(depth.marker, cv::Scalar(255 - pixel[0], 255 - pixel[1], 255 - pixel[2], 0));
@@ -91,17 +98,23 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
     }
     EXPECT_EQ(cv::norm(depthImages[0], depthImages[1], cv::NORM_INF), 0.0);
 
-    // Float samples round to the nearest value and clamp into the 16-bit range.
-    Frame odd = hs::sim::make_frame(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_FLOAT32, 4, 1, 1, 0);
-    const float samples[4] = {1499.6F, -5.0F, 1.0e9F, 0.4F};
-    std::memcpy(hs::sim::frame_data(odd), samples, sizeof samples);
-    WindowImage depth;
+    // Float samples round half up to an integer and clamp into the 16-bit range, NaN to 0;
+    // two groups of eight and a tail, as the conversion takes them.
+    const float inf = std::numeric_limits<float>::infinity();
+    const std::vector<std::pair<float, std::uint16_t>> rounding = {
+        {149.6F, 150}, {-5.0F, 0},        {1.0e9F, 65535},   {0.4F, 0},  {2.5F, 3},       {NAN, 0},
+        {99.5F, 100},  {65534.6F, 65535}, {65535.4F, 65535}, {0.5F, 1},  {7.49F, 7},      {-0.0F, 0},
+        {inf, 65535},  {-inf, 0},         {3.0F, 3},         {1e-3F, 0}, {1499.6F, 1500}, {NAN, 0}};
+    const int count = static_cast<int>(rounding.size());
+    Frame odd = hs::sim::make_frame(hs::LumoraFrame::FRAME_AMPLITUDE, hs::DATA_TYPE_FLOAT32, count, 1, 1, 0);
+    for (int i = 0; i < count; ++i)
+        static_cast<float*>(hs::sim::frame_data(odd))[i] = rounding[static_cast<std::size_t>(i)].first;
     WindowImage none;
-    convertDepthAmplitude(odd, nullptr, {4, 1}, {0, 0}, {0, 0}, depth, none);
-    EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 0), ruleColour(1500));
-    EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 1), ruleColour(0));
-    EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 2), ruleColour(65535));
-    EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 3), ruleColour(0));
+    WindowImage amplitude;
+    convertDepthAmplitude(nullptr, odd, {count, 1}, {0, 0}, {0, 0}, none, amplitude);
+    for (int i = 0; i < count; ++i)
+        EXPECT_EQ(amplitude.image.at<std::uint8_t>(0, i), grayTable()[rounding[static_cast<std::size_t>(i)].second])
+            << rounding[static_cast<std::size_t>(i)].first;
     EXPECT_TRUE(none.image.empty());
 }
 
@@ -128,35 +141,40 @@ TEST_F(FrameConversion, ScalesDownOnlyByNearestNeighbour) {
 
 TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
     // A wall 2 m away seen through a lens without distortion: each pixel's point lies on its
-    // own ray, so it lands on that pixel; one point lies off its pixel's ray on purpose.
-    Projection lens = defaultProjection({kWidth, kHeight});
-    lens.intrinsics = {50.0, 50.0, 32.0, 24.0};
+    // own ray, so it lands on that pixel; the last point lies off its pixel's ray on purpose.
+    // Large enough to be shared between two threads.
+    const int width = 160;
+    const int height = 128;
+    Projection lens = defaultProjection({width, height});
+    lens.intrinsics = {50.0, 50.0, 80.0, 64.0};
     for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
-        Frame frame = hs::sim::make_frame(type, hs::DATA_TYPE_FLOAT32, kWidth, kHeight, 1, 0);
+        Frame frame = hs::sim::make_frame(type, hs::DATA_TYPE_FLOAT32, width, height, 1, 0);
         auto* planes = static_cast<float*>(hs::sim::frame_data(frame));
-        const std::size_t n = std::size_t{kWidth} * kHeight;
-        for (int y = 0; y < kHeight; ++y)
-            for (int x = 0; x < kWidth; ++x) {
-                const std::size_t i = static_cast<std::size_t>(y) * kWidth + x;
-                planes[i] = static_cast<float>((x - 32.0) / 50.0 * 2.0);
-                planes[n + i] = static_cast<float>((y - 24.0) / 50.0 * 2.0);
+        const std::size_t n = std::size_t{width} * height;
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) {
+                const std::size_t i = static_cast<std::size_t>(y) * width + x;
+                planes[i] = static_cast<float>((x - 80.0) / 50.0 * 2.0);
+                planes[n + i] = static_cast<float>((y - 64.0) / 50.0 * 2.0);
                 planes[2 * n + i] = 2.0F;
                 if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) planes[3 * n + i] = 100.0F;
             }
-        // The point of pixel (0, 0) moved onto the ray of pixel (40, 30), 1 m away.
-        planes[0] = 8.0F / 50.0F;
-        planes[n] = 6.0F / 50.0F;
-        planes[2 * n] = 1.0F;
+        // The last point moved onto the ray of pixel (40, 30), 1 m away: drawn after that
+        // pixel's own point, it is the one that shows.
+        planes[n - 1] = -40.0F / 50.0F;
+        planes[2 * n - 1] = -34.0F / 50.0F;
+        planes[3 * n - 1] = 1.0F;
         WindowImage depth;
         WindowImage intensity;
-        convertPointCloud(frame, lens, {kWidth, kHeight}, {5, 6}, {5, 6}, depth, &intensity);
-        ASSERT_EQ(depth.image.size(), cv::Size(kWidth, kHeight));
-        EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 0), cv::Vec3b(0, 0, 0)) << "nothing projects onto pixel (0, 0)";
+        convertPointCloud(frame, lens, {width, height}, {5, 6}, {5, 6}, depth, &intensity);
+        ASSERT_EQ(depth.image.size(), cv::Size(width, height));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(height - 1, width - 1), cv::Vec3b(0, 0, 0)) << "nothing projects there";
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(30, 40), ruleColour(1000));
         EXPECT_EQ(depth.image.at<cv::Vec3b>(6, 5), ruleColour(2000));
-        EXPECT_EQ(depth.image.at<cv::Vec3b>(47, 63), ruleColour(2000));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(height - 1, 0), ruleColour(2000));
         EXPECT_EQ(depth.readout, "  x:5, y:6, z:2000");
         if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) {
-            EXPECT_EQ(intensity.image.at<std::uint8_t>(47, 63), grayTable()[100]);
+            EXPECT_EQ(intensity.image.at<std::uint8_t>(height - 1, 0), grayTable()[100]);
             EXPECT_EQ(intensity.readout, "  x:5, y:6, a:100");
         } else {
             EXPECT_TRUE(intensity.image.empty());
@@ -178,7 +196,7 @@ TEST_F(FrameConversion, ConsoleReadoutAndFramerateImage) {
         const std::size_t centre = 1 * 4 + 2;
         const bool cloud = type >= hs::LumoraFrame::FRAME_POINTCLOUD;
         data[(cloud ? 2 * 8 : 0) + centre] = cloud ? 1.25F : (type == hs::LumoraFrame::FRAME_DEPTH ? 812.0F : 77.0F);
-        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) data[std::size_t{3 * 8} + centre] = 55.0F;
+        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) data[std::size_t{3} * 8 + centre] = 55.0F;
         frames.push_back(frame);
     }
     EXPECT_EQ(consoleReadout("fps : 30.00", hs::sim::make_frame_list(frames)),
