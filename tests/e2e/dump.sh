@@ -45,13 +45,17 @@ dump() {
   mv "$WORKDIR"/QRX100A_LM*_framedump_*.lmr "$WORKDIR/$3"
 }
 
-start_shell "QRX100A:160x120"
-P="LumoraShell>"
-wait_for "$P"
-type_line "search"
-type_line "select 0"
-P="QRX100A:"
-wait_for_line "$P"
+# Starts the shell with a small QRX100A and selects it; the prompt is then P.
+open_camera() {
+  start_shell "QRX100A:160x120"
+  wait_for "LumoraShell>"
+  type_line "search"
+  type_line "select 0"
+  P="QRX100A:"
+  wait_for_line "$P"
+}
+
+open_camera
 expect_log_after "$P" "set frame_dump 0 5" "Camera is not in running status!"
 expect_after "$P" "run 30" "-> result : success"
 expect_log_after "$P" "set frame_dump 4 5" \
@@ -87,13 +91,7 @@ type_line "quit"
 
 # A file-size limit of 100 KiB: the third record of a mode-0 dump fails, the error is
 # logged, the shell goes on, and a smaller dump then works.
-FILE_SIZE_LIMIT=100 start_shell "QRX100A:160x120"
-P="LumoraShell>"
-wait_for "$P"
-type_line "search"
-type_line "select 0"
-P="QRX100A:"
-wait_for_line "$P"
+FILE_SIZE_LIMIT=100 open_camera
 expect_after "$P" "run 2" "-> result : success"
 expect_after "$P" "set frame_dump 0 5" "-> result : success"
 wait_for "Frame dump finished!"
