@@ -58,6 +58,8 @@ public:
         Job job{&task, false};
         std::unique_lock<std::timed_mutex> lock(mMutex);
         if (mClosing.load()) return false;
+        // The GUI thread pops the job before it sets `done`, which alone lets this frame end.
+        // cppcheck-suppress danglingLifetime
         mTasks.push_back(&job);
         mPosted.notify_one();
         mDone.wait(lock, [&job] { return job.done; });
