@@ -56,7 +56,7 @@ public:
 
     bool run(const std::function<void()>& task) {
         Job job{&task, false};
-        std::unique_lock<std::timed_mutex> lock(mMutex);
+        std::unique_lock<std::mutex> lock(mMutex);
         if (mClosing.load()) return false;
         // The GUI thread pops the job before it sets `done`, which alone lets this frame end.
         // cppcheck-suppress danglingLifetime
@@ -75,8 +75,13 @@ public:
             return;
         }
         const auto deadline = std::chrono::steady_clock::now() + kCloseDownWait;
-        std::unique_lock<std::timed_mutex> lock(mMutex, std::defer_lock);
-        if (!lock.try_lock_until(deadline) || mClosing.exchange(true)) return;
+        std::unique_lock<std::mutex> lock(mMutex, std::defer_lock);
+        // Polled rather than a timed lock, which ThreadSanitizer does not see as a lock.
+        while (!lock.try_lock()) {
+            if (std::chrono::steady_clock::now() >= deadline) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        if (mClosing.exchange(true)) return;
         mTasks.push_back(&mCloseJob);
         mPosted.notify_one();
         mDone.wait_until(lock, deadline, [this] { return mCloseJob.done; });
@@ -100,14 +105,14 @@ private:
         for (;;) {
             Job* job = nullptr;
             {
-                std::unique_lock<std::timed_mutex> lock(mMutex);
+                std::unique_lock<std::mutex> lock(mMutex);
                 mPosted.wait(lock, [this] { return !mTasks.empty(); });
                 job = mTasks.front();
                 mTasks.pop_front();
             }
             (*job->task)();
             {
-                const std::lock_guard<std::timed_mutex> lock(mMutex);
+                const std::lock_guard<std::mutex> lock(mMutex);
                 job->done = true;
             }
             mDone.notify_all();
@@ -120,9 +125,9 @@ private:
     }
 
     static thread_local bool tOnGuiThread;
-    std::timed_mutex mMutex;
-    std::condition_variable_any mPosted;
-    std::condition_variable_any mDone;
+    std::mutex mMutex;
+    std::condition_variable mPosted;
+    std::condition_variable mDone;
     std::deque<Job*> mTasks;
     std::atomic<bool> mClosing{false};
     // Outlives any exiting thread's wait, which may give up before the job has run.
