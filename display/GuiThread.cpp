@@ -1,30 +1,90 @@
 // Design note: any thread posts a task and waits for it; the GUI thread, started on the
 // first post, runs the tasks one at a time in the order posted. It never ends: highgui
-// cannot move to another thread, so the thread and its queue are made once and left for
-// the process's exit to reclaim (the waiters are gone by then).
+// cannot move to another thread, so the thread and its queue are made once and never freed.
+//
+// Exit: std::exit destroys Qt's static objects on the exiting thread while this thread may
+// still be painting with them, and objects it made (Qt's pixmap cache, with a timer of this
+// thread) would be destroyed from another thread. So an atexit hook, registered from this
+// thread after highgui's calls (and so run before the destructors of the Qt globals those
+// calls made), appends a close-down job after the tasks already posted and waits for it at
+// most a bounded time: this thread closes every window, empties the pixmap cache, and then
+// waits for good without touching Qt again; posts from then on return at once without
+// running. Ctrl-C and Ctrl-Z are blocked on this thread (and the Qt threads it starts), so
+// the terminal's handler never calls exit here.
 #include "GuiThread.h"
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <mutex>
 #include <thread>
 
+// Before Xlib, whose macros (Bool, Status) break Qt's headers.
+#include <QPixmapCache>
+
 #include <X11/Xlib.h>
+#include <pthread.h>
+#include <opencv2/highgui.hpp>
 
 namespace lumora::display {
 
 namespace {
 
+// How long exit waits for the windows to close before it goes on regardless.
+constexpr auto kCloseDownWait = std::chrono::seconds(2);
+
+void closeHighgui() {
+    try {
+        cv::destroyAllWindows();
+        // Lets the window system see the windows go, as a closing run does.
+        cv::waitKey(1);
+    } catch (const cv::Exception&) {
+        // No window left to close.
+    }
+    QPixmapCache::clear();
+}
+
+void closeDownAtExit();
+
 class GuiThread {
 public:
     GuiThread() : mThread([this] { loop(); }) { mThread.detach(); }
 
-    void run(const std::function<void()>& task) {
+    bool run(const std::function<void()>& task) {
         Job job{&task, false};
         std::unique_lock<std::mutex> lock(mMutex);
+        if (mClosing.load()) return false;
+        // The GUI thread pops the job before it sets `done`, which alone lets this frame end.
+        // cppcheck-suppress danglingLifetime
         mTasks.push_back(&job);
         mPosted.notify_one();
         mDone.wait(lock, [&job] { return job.done; });
+        return true;
+    }
+
+    // The atexit hook, on the exiting thread. Never waits longer than kCloseDownWait, also
+    // when a task hangs or the exiting thread itself holds the lock (a signal handler).
+    void closeDown() {
+        if (tOnGuiThread) {
+            // A fault inside a task: Qt's state is unknown, so it is left as it is.
+            mClosing.store(true);
+            return;
+        }
+        const auto deadline = std::chrono::steady_clock::now() + kCloseDownWait;
+        std::unique_lock<std::mutex> lock(mMutex, std::defer_lock);
+        // Polled rather than a timed lock, which ThreadSanitizer does not see as a lock.
+        while (!lock.try_lock()) {
+            if (std::chrono::steady_clock::now() >= deadline) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        if (mClosing.exchange(true)) return;
+        mTasks.push_back(&mCloseJob);
+        mPosted.notify_one();
+        mDone.wait_until(lock, deadline, [this] { return mCloseJob.done; });
     }
 
 private:
@@ -35,6 +95,13 @@ private:
     };
 
     [[noreturn]] void loop() {
+        tOnGuiThread = true;
+        sigset_t interactive;
+        sigemptyset(&interactive);
+        sigaddset(&interactive, SIGINT);
+        sigaddset(&interactive, SIGTSTP);
+        pthread_sigmask(SIG_BLOCK, &interactive, nullptr);
+        std::uint64_t tasksRun = 0;
         for (;;) {
             Job* job = nullptr;
             {
@@ -49,15 +116,35 @@ private:
                 job->done = true;
             }
             mDone.notify_all();
+            // Qt registers the destructor of each global at its first use, which may come with
+            // any later task. The hook is registered anew after the 1st, 2nd, 4th, 8th... task,
+            // so that it runs before nearly all of them for a few dozen registrations at most.
+            ++tasksRun;
+            if ((tasksRun & (tasksRun - 1)) == 0 && !mClosing.load()) std::atexit(closeDownAtExit);
         }
     }
 
+    static thread_local bool tOnGuiThread;
     std::mutex mMutex;
     std::condition_variable mPosted;
     std::condition_variable mDone;
     std::deque<Job*> mTasks;
+    std::atomic<bool> mClosing{false};
+    // Outlives any exiting thread's wait, which may give up before the job has run.
+    const std::function<void()> mCloseTask{closeHighgui};
+    Job mCloseJob{&mCloseTask, false};
     std::thread mThread;
 };
+
+thread_local bool GuiThread::tOnGuiThread = false;
+
+GuiThread& guiThread() {
+    // Never destroyed: its thread outlives every static object.
+    static GuiThread* const thread = new GuiThread;
+    return *thread;
+}
+
+void closeDownAtExit() { guiThread().closeDown(); }
 
 }  // namespace
 
@@ -74,10 +161,6 @@ bool displayAvailable() {
     return available;
 }
 
-void runOnGuiThread(const std::function<void()>& task) {
-    // Never destroyed: its thread outlives every static object.
-    static GuiThread* const thread = new GuiThread;
-    thread->run(task);
-}
+bool runOnGuiThread(const std::function<void()>& task) { return guiThread().run(task); }
 
 }  // namespace lumora::display

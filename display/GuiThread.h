@@ -4,6 +4,10 @@
 // thread's call hangs once that thread has ended, and with no display Qt aborts the process.
 // So highgui is reached only through this thread, which lives for the whole process, and
 // only after displayAvailable() has said yes.
+//
+// At exit (std::exit, from main's return or a fatal-signal handler on any thread) the GUI
+// thread closes every window and frees the Qt objects that hold timers on its own thread,
+// then stops touching Qt for good, before Qt's own static objects are destroyed.
 #pragma once
 
 #include <functional>
@@ -15,9 +19,11 @@ namespace lumora::display {
 bool displayAvailable();
 
 // Any thread except the GUI thread itself. Runs `task` on the GUI thread, after the tasks
-// posted before it, and returns when it has run. Mouse callbacks registered by a task run
-// on the GUI thread too, while a later task services the windows (cv::waitKey). Exceptions
-// must not leave `task`. Must only be called when displayAvailable() is true.
-void runOnGuiThread(const std::function<void()>& task);
+// posted before it, and returns true when it has run. Returns false at once, without running
+// it, once the process has begun to exit and the GUI thread has closed down. Mouse
+// callbacks registered by a task run on the GUI thread too, while a later task services the
+// windows (cv::waitKey). Exceptions must not leave `task`. Must only be called when
+// displayAvailable() is true.
+bool runOnGuiThread(const std::function<void()>& task);
 
 }  // namespace lumora::display

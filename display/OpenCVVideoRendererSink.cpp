@@ -247,7 +247,7 @@ void OpenCVVideoRendererSink::createWindows(const std::shared_ptr<hs::LumoraFram
             opened.push_back({entry, true});
         }
     }
-    runOnGuiThread([&opened] {
+    const bool created = runOnGuiThread([&opened] {
         for (const Opened& window : opened) {
             try {
                 cv::namedWindow(window.entry->name, cv::WINDOW_AUTOSIZE);
@@ -258,7 +258,8 @@ void OpenCVVideoRendererSink::createWindows(const std::shared_ptr<hs::LumoraFram
         }
         cv::startWindowThread();
     });
-    mWindowsCreated.store(true);
+    // Once the process exits the GUI thread takes no more work: nothing was opened.
+    mWindowsCreated.store(created);
 }
 
 void OpenCVVideoRendererSink::drawList(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection) {

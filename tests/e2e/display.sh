@@ -62,6 +62,8 @@ done
 type_line "quit"
 status=$(wait_exit 10)
 [ "$status" = 0 ] || fail "exit status $status after the display runs"
+# Qt objects of the GUI thread destroyed from another thread make Qt warn on the terminal.
+received "QObject::" && fail "Qt warned at quit: $(raw_output | grep -a -m1 "QObject::")"
 
 # No display: one line says so, the frames are read out on the console, the shell goes on.
 # The read-out rewrites the prompt's line, so keys go one at a time with a pause.
