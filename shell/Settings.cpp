@@ -1,5 +1,6 @@
 #include "Settings.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -193,21 +194,25 @@ constexpr std::array<Setting, 10> kSettings = {{
     {"frame_dump", set_frame_dump, get_frame_dump},
 }};
 
+// The setting with that key, or null; none while the shell has no sinks to apply it to.
+const Setting* find_setting(const ShellContext& context, const std::string& key) {
+    if (context.renderer == nullptr || context.dumpSink == nullptr) return nullptr;
+    const auto found =
+        std::find_if(kSettings.begin(), kSettings.end(), [&key](const Setting& s) { return key == s.key; });
+    return found == kSettings.end() ? nullptr : &*found;
+}
+
 }  // namespace
 
 Outcome set_setting(ShellContext& context, const std::string& key, const hs::LumoraProperty* value,
                     const std::string& rest) {
-    if (context.renderer == nullptr || context.dumpSink == nullptr) return kNotSupported;
-    for (const Setting& setting : kSettings)
-        if (key == setting.key) return setting.set(context, value, rest);
-    return kNotSupported;
+    const Setting* setting = find_setting(context, key);
+    return setting == nullptr ? kNotSupported : setting->set(context, value, rest);
 }
 
 Outcome get_setting(ShellContext& context, const std::string& key, const hs::LumoraProperty* value) {
-    if (context.renderer == nullptr || context.dumpSink == nullptr) return kNotSupported;
-    for (const Setting& setting : kSettings)
-        if (key == setting.key) return setting.get(setting.key, context, value);
-    return kNotSupported;
+    const Setting* setting = find_setting(context, key);
+    return setting == nullptr ? kNotSupported : setting->get(setting->key, context, value);
 }
 
 }  // namespace lumora::shell
