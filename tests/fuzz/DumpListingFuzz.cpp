@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "DumpInspector.h"
+#include "DumpListing.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static std::FILE* const sink = std::fopen("/dev/null", "w");

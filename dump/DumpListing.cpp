@@ -1,4 +1,4 @@
-#include "DumpInspector.h"
+#include "DumpListing.h"
 
 #include <algorithm>
 #include <cinttypes>

@@ -82,7 +82,7 @@ const char* const kBlockLines[] = {
      "  - [Reading IPCL I frame data...]\n"),
 };
 
-class DumpInspectorTest : public InScratchDirectory {
+class DumpListingTest : public InScratchDirectory {
 protected:
     // What inspecting a file of these bytes prints.
     static std::string inspect(const FileBytes& file) {
@@ -94,7 +94,7 @@ protected:
 };
 
 // Two records of each mode; the mode-1 file carries embedded lines of frame_width bytes.
-TEST_F(DumpInspectorTest, PrintsEveryMode) {
+TEST_F(DumpListingTest, PrintsEveryMode) {
     for (int mode = 0; mode < 4; ++mode) {
         SCOPED_TRACE(mode);
         const int size = mode < 2 ? 2 : 4;
@@ -111,7 +111,7 @@ TEST_F(DumpInspectorTest, PrintsEveryMode) {
 }
 
 // Odd files are printed as they are, and the inspector returns.
-TEST_F(DumpInspectorTest, PrintsOddAndShortFiles) {
+TEST_F(DumpListingTest, PrintsOddAndShortFiles) {
     // Sync bytes DF 01, and a zero count: the header and the descriptors only.
     EXPECT_EQ(inspect(FileBytes().head(0x01DF, 0, 0, 0)), head_lines("0x1df", 0, 0, 0, false) + kDescriptors);
     // Mode 7: each frame header, then "Invalid dump mode!", and no data read.
@@ -144,7 +144,7 @@ TEST_F(DumpInspectorTest, PrintsOddAndShortFiles) {
     EXPECT_EQ(inspect(FileBytes().number(0xDF, 1)).substr(0, 45), head_lines("0xdf", 0, 0, 0).substr(0, 45));
 }
 
-TEST_F(DumpInspectorTest, UnopenableAndEmptyPaths) {
+TEST_F(DumpListingTest, UnopenableAndEmptyPaths) {
     testing::internal::CaptureStdout();
     FrameDumpSink::inspectDumpFile("no-such-dir/x.lmr");
     FrameDumpSink::inspectDumpFile("");
