@@ -102,6 +102,13 @@ void rebuildGrayTable(const Range& range) {
 
 }  // namespace
 
+ModelRanges modelRanges(const std::string& model) {
+    for (const char* wide : {"QRX100A", "QRX100AW6", "QRX100AW9", "QRX500AAW", "T100K", "T110K"})
+        if (model == wide) return {{7000.0F, 0.0F}, {230.0F, 0.0F}};
+    if (model == "QRX200AP") return {{4000.0F, 0.0F}, {1400.0F, 0.0F}};
+    return {{3000.0F, 0.0F}, {200.0F, 0.0F}};
+}
+
 void initColorMaps() {
     std::call_once(gPaletteOnce, buildPalette);
     rebuildDepthIndexTable(gDepthRange);

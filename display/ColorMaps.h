@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <utility>
 
 namespace lumora::display {
@@ -26,6 +27,13 @@ using DepthIndexTable = std::array<std::uint16_t, kSampleTableSize>;
 using GrayTable = std::array<std::uint8_t, kSampleTableSize>;
 // (max, min), in that order.
 using Range = std::pair<float, float>;
+
+// The ranges a camera model's depth and amplitude are shown with until a user sets others.
+struct ModelRanges {
+    Range depth;
+    Range gray;
+};
+ModelRanges modelRanges(const std::string& model);
 
 // Builds the palette once per process (concurrent first calls build it once), then the depth
 // and gray tables from the current ranges. Takes neither range lock: call it before any

@@ -14,25 +14,6 @@ namespace lumora::shell {
 
 namespace hs = halden::sensor;
 
-namespace {
-
-// The ranges a model's depth and amplitude are shown with, each as (max, min).
-struct DisplayRanges {
-    float depthMax;
-    float depthMin;
-    float grayMax;
-    float grayMin;
-};
-
-DisplayRanges display_ranges_for(const std::string& model) {
-    for (const char* wide : {"QRX100A", "QRX100AW6", "QRX100AW9", "QRX500AAW", "T100K", "T110K"})
-        if (model == wide) return {7000.0F, 0.0F, 230.0F, 0.0F};
-    if (model == "QRX200AP") return {4000.0F, 0.0F, 1400.0F, 0.0F};
-    return {3000.0F, 0.0F, 200.0F, 0.0F};
-}
-
-}  // namespace
-
 Outcome search(ShellContext& context, const std::string& /*argument*/) {
     if (context.camera) return hs::RESULT_INVALID_OPERATION;
     context.sources = hs::search_camera_source();
@@ -75,9 +56,9 @@ Outcome select(ShellContext& context, const std::string& argument) {
         const hs::Result result = context.camera->prepare();
         if (result != hs::RESULT_SUCCESS) print_result(result);
     }
-    const DisplayRanges ranges = display_ranges_for(name);
-    display::setDepthRange({ranges.depthMax, ranges.depthMin});
-    display::setGrayRange({ranges.grayMax, ranges.grayMin});
+    const display::ModelRanges ranges = display::modelRanges(name);
+    display::setDepthRange(ranges.depth);
+    display::setGrayRange(ranges.gray);
     return std::nullopt;
 }
 
