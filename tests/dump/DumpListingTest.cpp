@@ -1,7 +1,8 @@
-// The inspector's output, line by line, for files built byte by byte here: every mode, and
-// files that are odd, short or lie about their size.
+// The inspector's output, line by line, and the scan of a whole file's layout, for files
+// built byte by byte here: every mode, and files that are odd, short or lie about their size.
 #include <fstream>
 
+#include "DumpScan.h"
 #include "DumpTestSupport.h"
 #include "FrameDumpSink.h"
 
@@ -152,6 +153,44 @@ TEST_F(DumpListingTest, UnopenableAndEmptyPaths) {
     EXPECT_TRUE(out.rfind("\rE/FrameDumpSink:", 0) == 0 && out.find(": fail to open file!\n") != std::string::npos &&
                 out.find('[') == std::string::npos)
         << out;
+}
+
+// Records of 4x2 depth + amplitude with embedded lines: 15 + 4 + 2 x 16 bytes each.
+TEST_F(DumpListingTest, ScanFindsTheFirstProblem) {
+    const auto scan = [](const FileBytes& file) {
+        std::ofstream("in.lmr", std::ios::binary) << file.bytes();
+        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> in(std::fopen("in.lmr", "rb"), &std::fclose);
+        return scan_dump(in.get());
+    };
+    FileBytes whole;
+    whole.head(0x00DF, 1, 2, 1).frame(0, 4, 2, 2, 100).filler(4 + 32).frame(1, 4, 2, 2, 133).filler(36);
+    DumpLayout layout = scan(whole);
+    EXPECT_EQ(layout.problem, ScanProblem::kNone) << layout.problemText;
+    ASSERT_EQ(layout.records.size(), 2U);
+    EXPECT_EQ(layout.records[1].timestamp, 133U);
+    EXPECT_EQ(layout.recordBytes, 51U);
+    EXPECT_EQ(layout.dataOffset(1), kHeadBytes + 51 + 15 + 4);
+    EXPECT_EQ(layout.cameraName(), "QRX100A");
+
+    FileBytes cut = whole;
+    cut.frame(2, 4, 2, 2, 166).filler(35);
+    layout = scan(cut);
+    EXPECT_EQ(layout.problem, ScanProblem::kTruncatedRecord);
+    EXPECT_EQ(layout.problemOffset, kHeadBytes + 2 * 51);
+    EXPECT_EQ(layout.records.size(), 2U);
+
+    // An embedded line written at twice the frame width throws the next header off.
+    FileBytes longLine;
+    longLine.head(0x00DF, 1, 2, 1).frame(0, 4, 2, 2, 100).filler(8 + 32).frame(1, 4, 2, 2, 133).filler(40);
+    layout = scan(longLine);
+    EXPECT_EQ(layout.problem, ScanProblem::kRecordMismatch);
+    EXPECT_EQ(layout.problemOffset, kHeadBytes + 51);
+    EXPECT_NE(layout.problemText.find("embedded line of record 0"), std::string::npos) << layout.problemText;
+
+    EXPECT_EQ(scan(FileBytes().head(0x00DF, 0, 1, 0).frame(0, 4, 2, 4, 1).filler(32)).problem, ScanProblem::kBadRecord);
+    EXPECT_EQ(scan(FileBytes().head(0x01DF, 0, 0, 0)).problem, ScanProblem::kNotADump);
+    EXPECT_EQ(scan(FileBytes().head(0x00DF, 0, 0, 7)).problem, ScanProblem::kNotADump);
+    EXPECT_EQ(scan(FileBytes().number(0xDF, 2)).problem, ScanProblem::kShortHead);
 }
 
 }  // namespace
