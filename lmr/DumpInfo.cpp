@@ -114,6 +114,8 @@ void check_end(const DumpLayout& layout, Verification& result) {
     }
 }
 
+const char* or_empty(const std::string& text) { return text.empty() ? "(empty)" : text.c_str(); }
+
 void print_head(const DumpLayout& layout, std::FILE* out) {
     const dump::dump_header& header = layout.header;
     std::fprintf(out, "[Dump header]\n");
@@ -123,13 +125,13 @@ void print_head(const DumpLayout& layout, std::FILE* out) {
     std::fprintf(out, "  dump_frame_type         %u (%s)\n", header.dump_frame_type, mode_name(header.dump_frame_type));
     std::fprintf(out, "[Source descriptor]\n");
     std::fprintf(out, "  desc_tag                %u\n", layout.source.desc_tag);
-    std::fprintf(out, "  source_type             %s\n", layout.sourceType().c_str());
+    std::fprintf(out, "  source_type             %s\n", or_empty(layout.sourceType()));
     std::fprintf(out, "[Camera descriptor]\n");
     std::fprintf(out, "  desc_tag                %u\n", layout.camera.desc_tag);
     std::fprintf(out, "  firmware_version        0x%04x\n", layout.camera.firmware_version);
-    std::fprintf(out, "  sdk_version             %s\n", layout.sdkVersion().c_str());
-    std::fprintf(out, "  serial_number           %s\n", layout.serialNumber().c_str());
-    std::fprintf(out, "  camera_name             %s\n", layout.cameraName().c_str());
+    std::fprintf(out, "  sdk_version             %s\n", or_empty(layout.sdkVersion()));
+    std::fprintf(out, "  serial_number           %s\n", or_empty(layout.serialNumber()));
+    std::fprintf(out, "  camera_name             %s\n", or_empty(layout.cameraName()));
 }
 
 void print_records(const DumpLayout& layout, const Verification& result, std::FILE* out) {

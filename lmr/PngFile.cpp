@@ -62,6 +62,7 @@ bool write_png(const std::string& path, const cv::Mat& image) {
     const int type = image.type();
     if (image.empty() || (type != CV_8UC1 && type != CV_8UC3 && type != CV_16UC1)) return false;
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "wb"));
+    if (file) std::setvbuf(file.get(), nullptr, _IOFBF, std::size_t{1} << 18);
     const PngWriteStruct writer;
     if (!file || writer.info() == nullptr || !encode(file.get(), image, writer.png(), writer.info())) return false;
     // The last bytes reach the file at the close, which can fail too.
