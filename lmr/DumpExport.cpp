@@ -15,7 +15,6 @@
 #include <chrono>
 #include <cinttypes>
 #include <condition_variable>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -163,7 +162,7 @@ private:
 void work(Job& job) {
     const File file(std::fopen(job.file.c_str(), "rb"));
     if (!file) {
-        job.fail(format("cannot open %s: %s", job.file.c_str(), std::strerror(errno)));
+        job.fail(format("cannot open %s: %s", job.file.c_str(), std::generic_category().message(errno).c_str()));
     } else {
         RecordWriter writer(job);
         while (!job.stop.load()) {
@@ -261,7 +260,8 @@ ExportStatus export_dump(const ExportOptions& options, std::FILE* err) {
     {
         const File file(std::fopen(options.file.c_str(), "rb"));
         if (!file) {
-            std::fprintf(err, "lmr export: cannot open %s: %s\n", options.file.c_str(), std::strerror(errno));
+            std::fprintf(err, "lmr export: cannot open %s: %s\n", options.file.c_str(),
+                         std::generic_category().message(errno).c_str());
             return ExportStatus::kUnreadable;
         }
         layout = dump::scan_dump(file.get());

@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cmath>
-#include <cstring>
 #include <memory>
+#include <system_error>
 
 namespace lumora::lmr {
 
@@ -179,7 +179,8 @@ Verification verify(const DumpLayout& layout) {
 InfoStatus print_info(const std::string& path, std::FILE* out, std::FILE* err) {
     const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
     if (!file) {
-        std::fprintf(err, "lmr info: cannot open %s: %s\n", path.c_str(), std::strerror(errno));
+        std::fprintf(err, "lmr info: cannot open %s: %s\n", path.c_str(),
+                     std::generic_category().message(errno).c_str());
         return InfoStatus::kUnreadable;
     }
     const DumpLayout layout = dump::scan_dump(file.get());

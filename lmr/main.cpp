@@ -21,9 +21,7 @@ CLI::Option* add_bound(CLI::App* app, const std::string& name, std::optional<flo
         name, [&value](const float& given) { value = given; }, description);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     CLI::App app{"lmr: checks LumoraShell dump files (.lmr) and exports their records as PNG, PLY and CSV."};
     app.require_subcommand(1);
 
@@ -64,7 +62,20 @@ int main(int argc, char** argv) {
     options.progress = isatty(STDERR_FILENO) == 1;
     // The PNG encoder takes and frees its compression state for every file: kept in the
     // heap, it is not mapped, unmapped and shot down from the other core's TLB each time.
-    mallopt(M_MMAP_THRESHOLD, 32 << 20);
-    mallopt(M_TRIM_THRESHOLD, 256 << 20);
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);   // NOLINT(concurrency-mt-unsafe): no other thread yet
+    mallopt(M_TRIM_THRESHOLD, 256 << 20);  // NOLINT(concurrency-mt-unsafe): no other thread yet
     return static_cast<int>(lumora::lmr::export_dump(options, stderr));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // The parser reports a wrong command line through its own exceptions, which CLI11_PARSE
+    // turns into a message and a status; anything else it throws ends here.
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "lmr: %s\n", error.what());
+        return 1;
+    }
 }

@@ -1,5 +1,6 @@
 // lmr on files written by the project's own dump writer: what `info` finds in whole and
 // damaged files and the exit statuses of the real program, and what `export` writes.
+#include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -55,8 +56,9 @@ std::vector<float> cloud_planes(std::size_t r, int width, int height) {
     const std::size_t n = static_cast<std::size_t>(width) * height;
     std::vector<float> planes(4 * n);
     for (std::size_t i = 0; i < n; ++i) {
+        const std::size_t row = i / width;
         planes[i] = static_cast<float>(i % width) * 0.01F - 0.2F;
-        planes[n + i] = static_cast<float>(i / width) * -0.01F;
+        planes[n + i] = static_cast<float>(row) * -0.01F;
         planes[2 * n + i] = i % 5 == 0    ? 0.0F
                             : i % 7 == 0  ? -1.0F
                             : i % 11 == 0 ? NAN
@@ -249,8 +251,12 @@ TEST_F(LmrExport, WritesTheRecordedValuesAndTheDisplaysPictures) {
         EXPECT_TRUE(same(cv::imread("out/" + stem + "_amplitude.png", cv::IMREAD_UNCHANGED), gray.image))
             << "record " << r;
         std::getline(index, row);
-        EXPECT_EQ(row, std::to_string(r) + "," + std::to_string(r) + "," + std::to_string(1000000 + r * kInterval) +
-                           "," + stem + "_depth.png," + stem + "_depth_colour.png," + stem + "_amplitude.png,");
+        const std::uint64_t timestamp = 1000000 + r * kInterval;
+        char expected[256];
+        std::snprintf(expected, sizeof expected,
+                      "%zu,%zu,%" PRIu64 ",%s_depth.png,%s_depth_colour.png,%s_amplitude.png,", r, r, timestamp,
+                      stem.c_str(), stem.c_str(), stem.c_str());
+        EXPECT_EQ(row, expected);
     }
     EXPECT_FALSE(std::getline(index, row));
 }
