@@ -141,7 +141,7 @@ void print_records(const DumpLayout& layout, const Verification& result, std::FI
     const dump::frame_header& first = layout.records.front();
     std::fprintf(out, "  frame                   %u x %u, %u bytes per element, %" PRIu64 " bytes per record\n",
                  first.frame_width, first.frame_height, first.frame_data_size, layout.recordBytes);
-    std::fprintf(out, "  frame_index             %u to %u, %zu lists skipped\n", first.frame_index,
+    std::fprintf(out, "  frame_index             first %u, last %u, %zu lists skipped\n", first.frame_index,
                  layout.records.back().frame_index, result.skippedLists);
     std::fprintf(out, "  timestamps              %" PRIu64 " to %" PRIu64 " (microseconds)\n", first.timestamp,
                  layout.records.back().timestamp);
