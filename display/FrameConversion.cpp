@@ -1,8 +1,8 @@
-// Design note: convertPointCloud shares its work (pixels of the cloud to gather and project)
-// between the calling thread and one helper thread started for that call: both claim pieces
-// from an atomic counter until none are left. Each piece writes only its own part of the
-// buffers; the caller joins the helper before it reads any of them, and the helper does not
-// outlive the call.
+// Design note: large conversions share their work with the calling thread's helper
+// (HelperThread): depth and amplitude in pieces of rows, point clouds in pieces of pixels to
+// gather and project. Each piece writes only its own rows or its own part of the buffers;
+// share() returns only when every piece is done and the helper has let go of the job, and
+// only then are the images and buffers read (read-outs, markers, drawing in pixel order).
 #include "FrameConversion.h"
 
 #include <algorithm>
@@ -12,8 +12,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include <opencv2/calib3d.hpp>
@@ -21,6 +19,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "ColorMaps.h"
+#include "HelperThread.h"
 
 namespace lumora::display {
 
@@ -28,38 +27,14 @@ namespace hs = halden::sensor;
 
 namespace {
 
-// Below this many points a second thread costs more than it saves. Depth and amplitude are
-// not shared: a VGA list is about 0.3 ms of work, and starting and joining a helper costs as
-// much whenever the other core is busy.
+// Below these sizes the helper's wake-up costs more than it takes over: a cloud point costs
+// about 30 ns to project, a depth and amplitude pixel well under 1 ns.
 constexpr std::size_t kSplitPoints = 20000;
-// The pieces the two threads claim: small enough that a helper starting late still finds
-// work, large enough that claiming one costs little beside the projection.
+constexpr std::size_t kSplitPixels = 65536;
+// The pieces the two threads claim: small enough that a helper waking late still finds work,
+// large enough that claiming one costs little beside the work in it.
 constexpr std::size_t kPiecePoints = 16384;
-
-// Runs work(begin, end) over [0, count) in pieces of `piece`, claimed in turn by the caller
-// and, when `split`, by one helper thread started for this call. A helper that starts late
-// finds the pieces taken, so a busy machine costs the caller no more than the thread's start.
-template <typename Work>
-void shareOut(std::size_t count, std::size_t piece, bool split, const Work& work) {
-    std::atomic<std::size_t> next{0};
-    const auto claim = [&] {
-        for (;;) {
-            const std::size_t begin = next.fetch_add(piece, std::memory_order_relaxed);
-            if (begin >= count) return;
-            work(begin, std::min(count, begin + piece));
-        }
-    };
-    std::thread helper;
-    if (split) {
-        try {
-            helper = std::thread(claim);
-        } catch (const std::system_error&) {
-            // Without a helper the caller claims every piece.
-        }
-    }
-    claim();
-    if (helper.joinable()) helper.join();
-}
+constexpr std::size_t kPiecePixels = 8192;
 
 // Float samples read as the nearest integer within the 16-bit range, without libm; NaN
 // fails both comparisons and reads 0.
@@ -71,20 +46,8 @@ inline std::uint16_t toSample(float value) {
     return static_cast<std::uint16_t>(whole + (value - static_cast<float>(whole) >= 0.5F ? 1 : 0));
 }
 
-// Palette entries as little-endian B, G, R, 0 words, so one 4-byte store writes a pixel.
-using PackedPalette = std::array<std::uint32_t, kPaletteSize>;
-
-PackedPalette packPalette() {
-    const Palette& colours = palette();
-    PackedPalette packed{};
-    for (std::size_t k = 0; k < kPaletteSize; ++k)
-        packed[k] = static_cast<std::uint32_t>(colours[0][k]) | static_cast<std::uint32_t>(colours[1][k]) << 8U |
-                    static_cast<std::uint32_t>(colours[2][k]) << 16U;
-    return packed;
-}
-
-inline std::uint32_t colourOf(const PackedPalette& packed, const DepthIndexTable& index, std::uint16_t depth) {
-    return packed[std::min<std::uint16_t>(index[depth], kPaletteMissing)];
+inline std::uint32_t colourOf(const DepthColourTable& colours, std::uint16_t depth) {
+    return colours[depth].load(std::memory_order_relaxed);
 }
 
 // The source column or row that each displayed one shows, as cv::resize picks it for
@@ -110,23 +73,24 @@ const std::uint16_t* samplesOf(const std::uint16_t* source, const int* columns, 
     return scratch;
 }
 // toSample on n floats, eight at a time in vector registers where the platform has them.
-// The clamps are selects on comparisons, so NaN reads 0 on every instruction set.
+// Anything below 0.5 (NaN and negatives too: they fail the comparison) reads 0; from 0.5 on,
+// v + 0.5 truncated is the same half-up rounding, as the sum is exact or rounds within the
+// same integer there. 0.5 minus an ulp, whose sum would round up to 1, is below the cut.
 void toSamples(const float* source, int n, std::uint16_t* out) {
     int i = 0;
 #if CV_SIMD128
-    const cv::v_float32x4 zero = cv::v_setzero_f32();
-    const cv::v_float32x4 top = cv::v_setall_f32(65535.0F);
     const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
+    const cv::v_float32x4 top = cv::v_setall_f32(65535.0F);
+    // Offset into the signed 16-bit range for a plain saturating pack, then back.
+    const cv::v_int32x4 offset = cv::v_setall_s32(32768);
+    const cv::v_uint16x8 sign = cv::v_setall_u16(0x8000);
     const auto four = [&](const float* from) {
         cv::v_float32x4 value = cv::v_load(from);
-        value = cv::v_select(value > zero, value, zero);
-        value = cv::v_select(value < top, value, top);
-        const cv::v_int32x4 whole = cv::v_trunc(value);
-        // A true comparison is all ones, -1 as an integer.
-        return whole - cv::v_reinterpret_as_s32(value - cv::v_cvt_f32(whole) >= half);
+        value = cv::v_min(value & (value >= half), top);
+        return cv::v_trunc(value + half) - offset;
     };
     for (; i + 8 <= n; i += 8)
-        cv::v_store(out + i, cv::v_pack_u(four(source + i), four(source + i + 4)));
+        cv::v_store(out + i, cv::v_reinterpret_as_u16(cv::v_pack(four(source + i), four(source + i + 4))) ^ sign);
 #endif
     for (; i < n; ++i)
         out[i] = toSample(source[i]);
@@ -143,14 +107,13 @@ const std::uint16_t* samplesOf(const float* source, const int* columns, int n, s
 }
 
 // Writes n colour pixels, four at a time as three 4-byte words.
-void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const PackedPalette& packed,
-               const DepthIndexTable& index) {
+void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const DepthColourTable& colours) {
     int i = 0;
     for (; i + 4 <= n; i += 4, out += 12) {
-        const std::uint32_t c0 = colourOf(packed, index, samples[i]);
-        const std::uint32_t c1 = colourOf(packed, index, samples[i + 1]);
-        const std::uint32_t c2 = colourOf(packed, index, samples[i + 2]);
-        const std::uint32_t c3 = colourOf(packed, index, samples[i + 3]);
+        const std::uint32_t c0 = colourOf(colours, samples[i]);
+        const std::uint32_t c1 = colourOf(colours, samples[i + 1]);
+        const std::uint32_t c2 = colourOf(colours, samples[i + 2]);
+        const std::uint32_t c3 = colourOf(colours, samples[i + 3]);
         // Three stores of their own: one 12-byte copy would go through the stack.
         const std::uint32_t first = c0 | c1 << 24U;
         const std::uint32_t second = c1 >> 8U | c2 << 16U;
@@ -160,7 +123,7 @@ void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const Pac
         std::memcpy(out + 8, &third, 4);
     }
     for (; i < n; ++i, out += 3) {
-        const std::uint32_t pixel = colourOf(packed, index, samples[i]);
+        const std::uint32_t pixel = colourOf(colours, samples[i]);
         std::memcpy(out, &pixel, 3);
     }
 }
@@ -245,8 +208,7 @@ void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
     const std::vector<int> columns = nearestMap(shape.width, display.width);
     const int* columnMap = scaled ? columns.data() : nullptr;
 
-    const PackedPalette packed = packPalette();
-    const DepthIndexTable& index = depthIndexTable();
+    const DepthColourTable& colours = depthColourTable();
     const GrayTable& gray = grayTable();
     const bool withDepth = depthPlane.valid() && depthPlane.width == shape.width && depthPlane.height == shape.height;
     const bool withAmplitude =
@@ -254,18 +216,27 @@ void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
     if (withDepth) depthImage.image.create(display, CV_8UC3);
     if (withAmplitude) amplitudeImage.image.create(display, CV_8UC1);
 
-    std::vector<std::uint16_t> scratch(static_cast<std::size_t>(display.width));
-    const auto samples = [&](const Plane& plane, std::size_t offset) {
-        return plane.u16 ? samplesOf(plane.u16 + offset, columnMap, display.width, scratch.data())
-                         : samplesOf(plane.f32 + offset, columnMap, display.width, scratch.data());
+    // Rows are independent: pieces of them go to this thread and its helper.
+    const HelperThread::Work rowsOf = [&](std::size_t begin, std::size_t end) {
+        std::vector<std::uint16_t> scratch(static_cast<std::size_t>(display.width));
+        const auto samples = [&](const Plane& plane, std::size_t offset) {
+            return plane.u16 ? samplesOf(plane.u16 + offset, columnMap, display.width, scratch.data())
+                             : samplesOf(plane.f32 + offset, columnMap, display.width, scratch.data());
+        };
+        for (auto y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
+            const std::size_t offset = static_cast<std::size_t>(rows[static_cast<std::size_t>(y)]) * shape.width;
+            if (withDepth)
+                colourRow(samples(depthPlane, offset), display.width, depthImage.image.ptr<std::uint8_t>(y), colours);
+            if (withAmplitude)
+                grayRow(samples(amplitudePlane, offset), display.width, amplitudeImage.image.ptr<std::uint8_t>(y),
+                        gray);
+        }
     };
-    for (int y = 0; y < display.height; ++y) {
-        const std::size_t offset = static_cast<std::size_t>(rows[static_cast<std::size_t>(y)]) * shape.width;
-        if (withDepth)
-            colourRow(samples(depthPlane, offset), display.width, depthImage.image.ptr<std::uint8_t>(y), packed, index);
-        if (withAmplitude)
-            grayRow(samples(amplitudePlane, offset), display.width, amplitudeImage.image.ptr<std::uint8_t>(y), gray);
-    }
+    const auto height = static_cast<std::size_t>(display.height);
+    if (static_cast<std::size_t>(display.area()) >= kSplitPixels)
+        helperOfThisThread().share(height, std::max<std::size_t>(1, kPiecePixels / display.width), rowsOf);
+    else
+        rowsOf(0, height);
 
     if (withDepth) {
         const auto at = sourceIndex(rows, columns, shape.width, display, depthPoint);
@@ -339,7 +310,7 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
     auto* const pixelOf = pixelBuffer.ptr<std::uint32_t>();
     const std::size_t piece = count >= kSplitPoints ? kPiecePoints : std::max<std::size_t>(count, 1);
     std::vector<std::size_t> kept((count + piece - 1) / piece);
-    const auto gatherAndProject = [&](std::size_t begin, std::size_t end) {
+    const HelperThread::Work gatherAndProject = [&](std::size_t begin, std::size_t end) {
         cv::Point3f* point = points + begin;
         std::uint32_t* pixel = pixelOf + begin;
         std::size_t n = 0;
@@ -354,10 +325,12 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
         cv::Mat out(static_cast<int>(n), 1, CV_32FC2, projected + begin);
         cv::projectPoints(in, kNoRotation, kNoTranslation, cameraMatrix, distortion, out, cv::noArray(), 0.0);
     };
-    shareOut(count, piece, count >= kSplitPoints, gatherAndProject);
+    if (count >= kSplitPoints)
+        helperOfThisThread().share(count, piece, gatherAndProject);
+    else if (count > 0)
+        gatherAndProject(0, count);
 
-    const PackedPalette packed = packPalette();
-    const DepthIndexTable& index = depthIndexTable();
+    const DepthColourTable& colours = depthColourTable();
     const GrayTable& gray = grayTable();
     depthImage.image = cv::Mat::zeros(display, CV_8UC3);
     if (intensityImage != nullptr && intensity != nullptr) intensityImage->image = cv::Mat::zeros(display, CV_8UC1);
@@ -373,7 +346,7 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
             const int column = static_cast<int>(u);
             const int row = static_cast<int>(v);
             const std::uint32_t pixel = pixelOf[begin + k];
-            const std::uint32_t colour = colourOf(packed, index, toSample(z[pixel] * 1000.0F));
+            const std::uint32_t colour = colourOf(colours, toSample(z[pixel] * 1000.0F));
             std::memcpy(depthImage.image.ptr<std::uint8_t>(row) + std::ptrdiff_t{3} * column, &colour, 3);
             if (withIntensity) intensityImage->image.at<std::uint8_t>(row, column) = gray[toSample(intensity[pixel])];
         }
