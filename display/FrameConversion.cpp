@@ -141,6 +141,40 @@ void grayRow(const std::uint16_t* samples, int n, std::uint8_t* out, const GrayT
         out[i] = gray[samples[i]];
 }
 
+// Copies the points of pixels [begin, end) with z > 0 to `points` and their pixel numbers
+// to `pixels`, in pixel order, and returns how many there are. Four pixels that all have
+// z > 0 are copied at once in vector registers where the platform has them.
+std::size_t gatherPoints(const float* x, const float* y, const float* z, std::size_t begin, std::size_t end,
+                         cv::Point3f* points, std::int32_t* pixels) {
+    std::size_t n = 0;
+    std::size_t i = begin;
+    const auto one = [&](std::size_t at) {
+        points[n] = {x[at], y[at], z[at]};
+        pixels[n] = static_cast<std::int32_t>(at);
+        n += z[at] > 0.0F ? 1 : 0;
+    };
+#if CV_SIMD128
+    const cv::v_float32x4 zero = cv::v_setzero_f32();
+    const auto first = static_cast<int>(begin);
+    cv::v_int32x4 numbers(first, first + 1, first + 2, first + 3);
+    const cv::v_int32x4 four = cv::v_setall_s32(4);
+    for (; i + 4 <= end; i += 4, numbers += four) {
+        const cv::v_float32x4 depth = cv::v_load(z + i);
+        if (cv::v_check_all(depth > zero)) {
+            cv::v_store_interleave(&points[n].x, cv::v_load(x + i), cv::v_load(y + i), depth);
+            cv::v_store(pixels + n, numbers);
+            n += 4;
+        } else {
+            for (std::size_t at = i; at < i + 4; ++at)
+                one(at);
+        }
+    }
+#endif
+    for (; i < end; ++i)
+        one(i);
+    return n;
+}
+
 // One frame of depth or amplitude, typed.
 struct Plane {
     const std::uint16_t* u16 = nullptr;
@@ -294,66 +328,75 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
     static const cv::Vec3d kNoRotation(0.0, 0.0, 0.0);
     static const cv::Vec3d kNoTranslation(0.0, 0.0, 0.0);
 
+    const bool withIntensity = intensityImage != nullptr && intensity != nullptr;
+    const DepthColourTable& colours = depthColourTable();
+    const GrayTable& gray = grayTable();
+
     // Each piece gathers the points with z > 0 of its own pixels to the start of its own part
-    // of the buffers, in pixel order, and projects them in place.
+    // of the buffers, in pixel order, projects them in place, and works out for each where it
+    // lands and in what colour; only the drawing, in pixel order, is left to this thread.
     // Kept for the caller's next frame: fresh buffers this large come from the kernel each
     // time, at a page fault per 4 KiB. The helper reaches them through these pointers, not
     // through the names, which would give it its own.
     thread_local cv::Mat pointBuffer;
     thread_local cv::Mat projectedBuffer;
     thread_local cv::Mat pixelBuffer;
-    pointBuffer.create(static_cast<int>(count), 1, CV_32FC3);
-    projectedBuffer.create(static_cast<int>(count), 1, CV_32FC2);
-    pixelBuffer.create(static_cast<int>(count), 1, CV_32SC1);
+    thread_local cv::Mat colourBuffer;
+    thread_local cv::Mat levelBuffer;
+    const auto slots = static_cast<int>(count);
+    pointBuffer.create(slots, 1, CV_32FC3);
+    projectedBuffer.create(slots, 1, CV_32FC2);
+    pixelBuffer.create(slots, 1, CV_32SC1);
+    colourBuffer.create(slots, 1, CV_32SC1);
+    if (withIntensity) levelBuffer.create(slots, 1, CV_8UC1);
     auto* const points = pointBuffer.ptr<cv::Point3f>();
     auto* const projected = projectedBuffer.ptr<cv::Point2f>();
-    auto* const pixelOf = pixelBuffer.ptr<std::uint32_t>();
+    // A kept point's pixel number, until it is replaced by where the point lands.
+    auto* const pixelOf = pixelBuffer.ptr<std::int32_t>();
+    auto* const colourOfPoint = colourBuffer.ptr<std::uint32_t>();
+    auto* const levelOfPoint = withIntensity ? levelBuffer.ptr<std::uint8_t>() : nullptr;
     const std::size_t piece = count >= kSplitPoints ? kPiecePoints : std::max<std::size_t>(count, 1);
     std::vector<std::size_t> kept((count + piece - 1) / piece);
+    const auto shownWidth = static_cast<float>(display.width);
+    const auto shownHeight = static_cast<float>(display.height);
     const HelperThread::Work gatherAndProject = [&](std::size_t begin, std::size_t end) {
-        cv::Point3f* point = points + begin;
-        std::uint32_t* pixel = pixelOf + begin;
-        std::size_t n = 0;
-        for (std::size_t i = begin; i < end; ++i) {
-            point[n] = {x[i], y[i], z[i]};
-            pixel[n] = static_cast<std::uint32_t>(i);
-            n += z[i] > 0.0F ? 1 : 0;
-        }
+        cv::Point3f* const point = points + begin;
+        std::int32_t* const pixel = pixelOf + begin;
+        const std::size_t n = gatherPoints(x, y, z, begin, end, point, pixel);
         kept[begin / piece] = n;
         if (n == 0) return;
         const cv::Mat in(static_cast<int>(n), 1, CV_32FC3, point);
         cv::Mat out(static_cast<int>(n), 1, CV_32FC2, projected + begin);
         cv::projectPoints(in, kNoRotation, kNoTranslation, cameraMatrix, distortion, out, cv::noArray(), 0.0);
+        const cv::Point2f* const shown = projected + begin;
+        for (std::size_t k = 0; k < n; ++k) {
+            const float u = shown[k].x + 0.5F;
+            const float v = shown[k].y + 0.5F;
+            colourOfPoint[begin + k] = colourOf(colours, toSample(point[k].z * 1000.0F));
+            if (withIntensity) levelOfPoint[begin + k] = gray[toSample(intensity[pixel[k]])];
+            const bool onImage = u >= 0.0F && v >= 0.0F && u < shownWidth && v < shownHeight;
+            pixel[k] = onImage ? static_cast<int>(v) * display.width + static_cast<int>(u) : -1;
+        }
     };
     if (count >= kSplitPoints)
         helperOfThisThread().share(count, piece, gatherAndProject);
     else if (count > 0)
         gatherAndProject(0, count);
 
-    const DepthColourTable& colours = depthColourTable();
-    const GrayTable& gray = grayTable();
     depthImage.image = cv::Mat::zeros(display, CV_8UC3);
-    if (intensityImage != nullptr && intensity != nullptr) intensityImage->image = cv::Mat::zeros(display, CV_8UC1);
-    const bool withIntensity = intensityImage != nullptr && !intensityImage->image.empty();
-    const auto draw = [&](std::size_t begin, std::size_t n) {
-        const cv::Point2f* shown = projected + begin;
-        for (std::size_t k = 0; k < n; ++k) {
-            const float u = shown[k].x + 0.5F;
-            const float v = shown[k].y + 0.5F;
-            if (!(u >= 0.0F && v >= 0.0F && u < static_cast<float>(display.width) &&
-                  v < static_cast<float>(display.height)))
-                continue;
-            const int column = static_cast<int>(u);
-            const int row = static_cast<int>(v);
-            const std::uint32_t pixel = pixelOf[begin + k];
-            const std::uint32_t colour = colourOf(colours, toSample(z[pixel] * 1000.0F));
-            std::memcpy(depthImage.image.ptr<std::uint8_t>(row) + std::ptrdiff_t{3} * column, &colour, 3);
-            if (withIntensity) intensityImage->image.at<std::uint8_t>(row, column) = gray[toSample(intensity[pixel])];
-        }
-    };
+    if (withIntensity) intensityImage->image = cv::Mat::zeros(display, CV_8UC1);
+    std::uint8_t* const colourPixels = depthImage.image.data;
+    std::uint8_t* const levelPixels = withIntensity ? intensityImage->image.data : nullptr;
     // In pixel order: where points meet, the later one shows.
-    for (std::size_t k = 0; k < kept.size(); ++k)
-        draw(k * piece, kept[k]);
+    for (std::size_t p = 0; p < kept.size(); ++p) {
+        const std::size_t begin = p * piece;
+        for (std::size_t k = begin; k < begin + kept[p]; ++k) {
+            const std::int32_t at = pixelOf[k];
+            if (at < 0) continue;
+            std::memcpy(colourPixels + std::ptrdiff_t{3} * at, &colourOfPoint[k], 3);
+            if (levelPixels != nullptr) levelPixels[at] = levelOfPoint[k];
+        }
+    }
 
     const std::vector<int> rows = nearestMap(height, display.height);
     const std::vector<int> columns = nearestMap(width, display.width);

@@ -12,6 +12,15 @@
 
 namespace lumora::display {
 
+namespace {
+
+// Jobs run alone after one in which the helper did not work beside the caller: often enough
+// to notice soon when the other core is free again, rarely enough that a busy machine pays
+// the wake-up on few jobs.
+constexpr int kAloneJobs = 15;
+
+}  // namespace
+
 HelperThread::~HelperThread() {
     if (!mThread.joinable()) return;
     {
@@ -32,7 +41,8 @@ void HelperThread::share(std::size_t count, std::size_t piece, const Work& work)
             // Without a helper the caller claims every piece.
         }
     }
-    if (!mThread.joinable()) {
+    if (!mThread.joinable() || mAloneFor > 0) {
+        mAloneFor = std::max(mAloneFor - 1, 0);
         for (std::size_t begin = 0; begin < count; begin += piece)
             work(begin, std::min(count, begin + piece));
         return;
@@ -43,20 +53,24 @@ void HelperThread::share(std::size_t count, std::size_t piece, const Work& work)
         mWork = &work;
         mCount = count;
         mPiece = piece;
+        mHelped = 0;
         mOffered = true;
     }
     mWake.notify_one();
-    claim(work, count, piece);
+    const std::size_t mine = claim(work, count, piece);
     std::unique_lock<std::mutex> lock(mMutex);
     mOffered = false;
     mDone.wait(lock, [this] { return !mBusy; });
+    if (mine == 0 || mHelped == 0) mAloneFor = kAloneJobs;
 }
 
-void HelperThread::claim(const Work& work, std::size_t count, std::size_t piece) {
+std::size_t HelperThread::claim(const Work& work, std::size_t count, std::size_t piece) {
+    std::size_t ran = 0;
     for (;;) {
         const std::size_t begin = mNext.fetch_add(piece, std::memory_order_relaxed);
-        if (begin >= count) return;
+        if (begin >= count) return ran;
         work(begin, std::min(count, begin + piece));
+        ++ran;
     }
 }
 
@@ -71,8 +85,9 @@ void HelperThread::serve() {
         const std::size_t count = mCount;
         const std::size_t piece = mPiece;
         lock.unlock();
-        claim(work, count, piece);
+        const std::size_t ran = claim(work, count, piece);
         lock.lock();
+        mHelped = ran;
         mBusy = false;
         mDone.notify_one();
     }

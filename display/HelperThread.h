@@ -3,7 +3,10 @@
 // The caller and the helper claim pieces of a job in turn until none are left. A helper that
 // has not taken the job by the time the caller runs out of pieces never takes it, so a helper
 // that the scheduler leaves waiting (the other core busy) costs the caller only the wake-up,
-// never a wait for the helper to be scheduled.
+// never a wait for the helper to be scheduled. A job in which the two did not work side by
+// side (the helper took no piece, or took them all while the caller waited for a core) tells
+// that the other core is busy: the next jobs then run on the caller alone, without the
+// wake-up, until one of them tries the helper again.
 #pragma once
 
 #include <atomic>
@@ -29,13 +32,14 @@ public:
 
     // Owning thread only. Runs work over [0, count) in pieces of `piece` (at least 1), claimed
     // by the caller and the helper, and returns when every piece has run and the helper no
-    // longer touches `work`. Without a helper (it could not be started) the caller runs
-    // every piece.
+    // longer touches `work`. Without a helper (it could not be started, or the other core
+    // looked busy in a recent job) the caller runs every piece.
     void share(std::size_t count, std::size_t piece, const Work& work);
 
 private:
     void serve();
-    void claim(const Work& work, std::size_t count, std::size_t piece);
+    // Claims and runs pieces until none are left; returns how many it ran.
+    std::size_t claim(const Work& work, std::size_t count, std::size_t piece);
 
     std::mutex mMutex;
     std::condition_variable mWake;
@@ -47,7 +51,10 @@ private:
     bool mOffered = false;
     bool mBusy = false;
     bool mStop = false;
+    std::size_t mHelped = 0;
+    // Owning thread only.
     bool mTried = false;
+    int mAloneFor = 0;
     // The next unclaimed position of the current job.
     std::atomic<std::size_t> mNext{0};
     std::thread mThread;

@@ -169,6 +169,10 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         planes[n - 1] = -40.0F / 50.0F;
         planes[2 * n - 1] = -34.0F / 50.0F;
         planes[3 * n - 1] = 1.0F;
+        // No point at (10, 20), which has z = 0; the one after it keeps its own intensity.
+        const std::size_t hole = std::size_t{20} * width + 10;
+        planes[2 * n + hole] = 0.0F;
+        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) planes[3 * n + hole + 1] = 150.0F;
         WindowImage depth;
         WindowImage intensity;
         convertPointCloud(frame, lens, {width, height}, {5, 6}, {5, 6}, depth, &intensity);
@@ -177,9 +181,12 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         EXPECT_EQ(depth.image.at<cv::Vec3b>(30, 40), ruleColour(1000));
         EXPECT_EQ(depth.image.at<cv::Vec3b>(6, 5), ruleColour(2000));
         EXPECT_EQ(depth.image.at<cv::Vec3b>(height - 1, 0), ruleColour(2000));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(20, 10), cv::Vec3b(0, 0, 0));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(20, 11), ruleColour(2000));
         EXPECT_EQ(depth.readout, "  x:5, y:6, z:2000");
         if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) {
             EXPECT_EQ(intensity.image.at<std::uint8_t>(height - 1, 0), grayTable()[100]);
+            EXPECT_EQ(intensity.image.at<std::uint8_t>(20, 11), grayTable()[150]);
             EXPECT_EQ(intensity.readout, "  x:5, y:6, a:100");
         } else {
             EXPECT_TRUE(intensity.image.empty());
