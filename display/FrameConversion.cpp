@@ -72,25 +72,30 @@ const std::uint16_t* samplesOf(const std::uint16_t* source, const int* columns, 
         scratch[i] = source[columns[i]];
     return scratch;
 }
+#if CV_SIMD128
+// toSample on four floats. Anything below 0.5 (NaN and negatives too: they fail the
+// comparison) reads 0; from 0.5 on, v + 0.5 truncated is the same half-up rounding, as the
+// sum is exact or rounds within the same integer there. 0.5 minus an ulp, whose sum would
+// round up to 1, is below the cut.
+inline cv::v_int32x4 toSamples4(cv::v_float32x4 value) {
+    const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
+    value = cv::v_min(value & (value >= half), cv::v_setall_f32(65535.0F));
+    return cv::v_trunc(value + half);
+}
+#endif
+
 // toSample on n floats, eight at a time in vector registers where the platform has them.
-// Anything below 0.5 (NaN and negatives too: they fail the comparison) reads 0; from 0.5 on,
-// v + 0.5 truncated is the same half-up rounding, as the sum is exact or rounds within the
-// same integer there. 0.5 minus an ulp, whose sum would round up to 1, is below the cut.
 void toSamples(const float* source, int n, std::uint16_t* out) {
     int i = 0;
 #if CV_SIMD128
-    const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
-    const cv::v_float32x4 top = cv::v_setall_f32(65535.0F);
     // Offset into the signed 16-bit range for a plain saturating pack, then back.
     const cv::v_int32x4 offset = cv::v_setall_s32(32768);
     const cv::v_uint16x8 sign = cv::v_setall_u16(0x8000);
-    const auto four = [&](const float* from) {
-        cv::v_float32x4 value = cv::v_load(from);
-        value = cv::v_min(value & (value >= half), top);
-        return cv::v_trunc(value + half) - offset;
-    };
-    for (; i + 8 <= n; i += 8)
-        cv::v_store(out + i, cv::v_reinterpret_as_u16(cv::v_pack(four(source + i), four(source + i + 4))) ^ sign);
+    for (; i + 8 <= n; i += 8) {
+        const cv::v_int32x4 low = toSamples4(cv::v_load(source + i)) - offset;
+        const cv::v_int32x4 high = toSamples4(cv::v_load(source + i + 4)) - offset;
+        cv::v_store(out + i, cv::v_reinterpret_as_u16(cv::v_pack(low, high)) ^ sign);
+    }
 #endif
     for (; i < n; ++i)
         out[i] = toSample(source[i]);
@@ -173,6 +178,55 @@ std::size_t gatherPoints(const float* x, const float* y, const float* z, std::si
     for (; i < end; ++i)
         one(i);
     return n;
+}
+
+// For n projected points: their colour from z in millimetres into `colour`, their gray level
+// into `level` when there is one (read through their pixel numbers, which `landing` holds on
+// entry), then where each lands into `landing`: its pixel's number in the image, row by row,
+// or -1 off the image. Four at a time in vector registers where the platform has them.
+void placePoints(const cv::Point3f* points, const cv::Point2f* shown, std::size_t n, cv::Size display,
+                 const float* intensity, const DepthColourTable& colours, const GrayTable& gray, std::int32_t* landing,
+                 std::uint32_t* colour, std::uint8_t* level) {
+    if (level != nullptr)
+        for (std::size_t k = 0; k < n; ++k)
+            level[k] = gray[toSample(intensity[landing[k]])];
+    const auto width = static_cast<float>(display.width);
+    const auto height = static_cast<float>(display.height);
+    std::size_t k = 0;
+#if CV_SIMD128
+    const cv::v_float32x4 zero = cv::v_setzero_f32();
+    const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
+    const cv::v_float32x4 thousand = cv::v_setall_f32(1000.0F);
+    const cv::v_float32x4 right = cv::v_setall_f32(width);
+    const cv::v_float32x4 bottom = cv::v_setall_f32(height);
+    const cv::v_int32x4 rowLength = cv::v_setall_s32(display.width);
+    const cv::v_int32x4 offImage = cv::v_setall_s32(-1);
+    std::array<std::int32_t, 4> samples{};
+    for (; k + 4 <= n; k += 4) {
+        cv::v_float32x4 x;
+        cv::v_float32x4 y;
+        cv::v_float32x4 z;
+        cv::v_load_deinterleave(&points[k].x, x, y, z);
+        cv::v_store(samples.data(), toSamples4(z * thousand));
+        for (std::size_t j = 0; j < 4; ++j)
+            colour[k + j] = colourOf(colours, static_cast<std::uint16_t>(samples[j]));
+        cv::v_float32x4 u;
+        cv::v_float32x4 v;
+        cv::v_load_deinterleave(&shown[k].x, u, v);
+        u = u + half;
+        v = v + half;
+        const cv::v_float32x4 onImage = (u >= zero) & (v >= zero) & (u < right) & (v < bottom);
+        const cv::v_int32x4 at = cv::v_trunc(v) * rowLength + cv::v_trunc(u);
+        cv::v_store(landing + k, cv::v_select(cv::v_reinterpret_as_s32(onImage), at, offImage));
+    }
+#endif
+    for (; k < n; ++k) {
+        const float u = shown[k].x + 0.5F;
+        const float v = shown[k].y + 0.5F;
+        colour[k] = colourOf(colours, toSample(points[k].z * 1000.0F));
+        const bool onImage = u >= 0.0F && v >= 0.0F && u < width && v < height;
+        landing[k] = onImage ? static_cast<int>(v) * display.width + static_cast<int>(u) : -1;
+    }
 }
 
 // One frame of depth or amplitude, typed.
@@ -357,8 +411,6 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
     auto* const levelOfPoint = withIntensity ? levelBuffer.ptr<std::uint8_t>() : nullptr;
     const std::size_t piece = count >= kSplitPoints ? kPiecePoints : std::max<std::size_t>(count, 1);
     std::vector<std::size_t> kept((count + piece - 1) / piece);
-    const auto shownWidth = static_cast<float>(display.width);
-    const auto shownHeight = static_cast<float>(display.height);
     const HelperThread::Work gatherAndProject = [&](std::size_t begin, std::size_t end) {
         cv::Point3f* const point = points + begin;
         std::int32_t* const pixel = pixelOf + begin;
@@ -368,15 +420,8 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
         const cv::Mat in(static_cast<int>(n), 1, CV_32FC3, point);
         cv::Mat out(static_cast<int>(n), 1, CV_32FC2, projected + begin);
         cv::projectPoints(in, kNoRotation, kNoTranslation, cameraMatrix, distortion, out, cv::noArray(), 0.0);
-        const cv::Point2f* const shown = projected + begin;
-        for (std::size_t k = 0; k < n; ++k) {
-            const float u = shown[k].x + 0.5F;
-            const float v = shown[k].y + 0.5F;
-            colourOfPoint[begin + k] = colourOf(colours, toSample(point[k].z * 1000.0F));
-            if (withIntensity) levelOfPoint[begin + k] = gray[toSample(intensity[pixel[k]])];
-            const bool onImage = u >= 0.0F && v >= 0.0F && u < shownWidth && v < shownHeight;
-            pixel[k] = onImage ? static_cast<int>(v) * display.width + static_cast<int>(u) : -1;
-        }
+        placePoints(point, projected + begin, n, display, intensity, colours, gray, pixel, colourOfPoint + begin,
+                    withIntensity ? levelOfPoint + begin : nullptr);
     };
     if (count >= kSplitPoints)
         helperOfThisThread().share(count, piece, gatherAndProject);

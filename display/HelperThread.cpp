@@ -8,6 +8,7 @@
 #include "HelperThread.h"
 
 #include <algorithm>
+#include <chrono>
 #include <system_error>
 
 namespace lumora::display {
@@ -18,6 +19,8 @@ namespace {
 // to notice soon when the other core is free again, rarely enough that a busy machine pays
 // the wake-up on few jobs.
 constexpr int kAloneJobs = 15;
+
+using Clock = std::chrono::steady_clock;
 
 }  // namespace
 
@@ -57,11 +60,15 @@ void HelperThread::share(std::size_t count, std::size_t piece, const Work& work)
         mOffered = true;
     }
     mWake.notify_one();
+    const auto start = Clock::now();
     const std::size_t mine = claim(work, count, piece);
+    const auto claimed = Clock::now();
     std::unique_lock<std::mutex> lock(mMutex);
     mOffered = false;
     mDone.wait(lock, [this] { return !mBusy; });
-    if (mine == 0 || mHelped == 0) mAloneFor = kAloneJobs;
+    // Waiting longer than two of its own pieces took means the helper lost its core mid-piece.
+    const bool heldUp = mine > 0 && (Clock::now() - claimed) * mine > 2 * (claimed - start);
+    if (mine == 0 || mHelped == 0 || heldUp) mAloneFor = kAloneJobs;
 }
 
 std::size_t HelperThread::claim(const Work& work, std::size_t count, std::size_t piece) {

@@ -4,9 +4,10 @@
 // has not taken the job by the time the caller runs out of pieces never takes it, so a helper
 // that the scheduler leaves waiting (the other core busy) costs the caller only the wake-up,
 // never a wait for the helper to be scheduled. A job in which the two did not work side by
-// side (the helper took no piece, or took them all while the caller waited for a core) tells
-// that the other core is busy: the next jobs then run on the caller alone, without the
-// wake-up, until one of them tries the helper again.
+// side (the helper took no piece, or took them all while the caller waited for a core, or
+// lost its core in the middle of a piece and held the caller up) tells that the other core
+// is busy: the next jobs then run on the caller alone, without the wake-up, until one of
+// them tries the helper again.
 #pragma once
 
 #include <atomic>

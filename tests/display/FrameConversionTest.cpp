@@ -172,6 +172,9 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         // No point at (10, 20), which has z = 0; the one after it keeps its own intensity.
         const std::size_t hole = std::size_t{20} * width + 10;
         planes[2 * n + hole] = 0.0F;
+        // The point of (100, 50) moved far to the left, off the image, at a depth of its own.
+        planes[std::size_t{50} * width + 100] = -100.0F;
+        planes[2 * n + std::size_t{50} * width + 100] = 1.5F;
         if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) planes[3 * n + hole + 1] = 150.0F;
         WindowImage depth;
         WindowImage intensity;
@@ -183,6 +186,10 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         EXPECT_EQ(depth.image.at<cv::Vec3b>(height - 1, 0), ruleColour(2000));
         EXPECT_EQ(depth.image.at<cv::Vec3b>(20, 10), cv::Vec3b(0, 0, 0));
         EXPECT_EQ(depth.image.at<cv::Vec3b>(20, 11), ruleColour(2000));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(50, 100), cv::Vec3b(0, 0, 0));
+        cv::Mat offImage;
+        cv::inRange(depth.image, ruleColour(1500), ruleColour(1500), offImage);
+        EXPECT_EQ(cv::countNonZero(offImage), 0);
         EXPECT_EQ(depth.readout, "  x:5, y:6, z:2000");
         if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) {
             EXPECT_EQ(intensity.image.at<std::uint8_t>(height - 1, 0), grayTable()[100]);
