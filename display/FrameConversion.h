@@ -56,8 +56,9 @@ Projection defaultProjection(cv::Size frame);
 // its intensity through the gray table into `intensityImage`. The read-out value is the
 // frame's z at the point, in millimetres, truncated. Clouds of 20000 points or more are
 // gathered and projected by the caller and its helper thread. The calling thread keeps its
-// gather and projection buffers (about 24 bytes a point) for its next call until it ends. Frames of other data types
-// leave both images empty; `intensityImage` may be null for type 8.
+// gather, projection and placing buffers (about 29 bytes a point) for its next call until
+// it ends. Frames of other data types leave both images empty; `intensityImage` may be null
+// for type 8.
 void convertPointCloud(const std::shared_ptr<halden::sensor::LumoraFrame>& frame, const Projection& projection,
                        cv::Size display, cv::Point depthPoint, cv::Point intensityPoint, WindowImage& depthImage,
                        WindowImage* intensityImage);
