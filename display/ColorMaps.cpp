@@ -1,8 +1,10 @@
 // Design: the shell thread rebuilds a table under its range's lock; the renderer's thread
 // reads the tables with no lock at all. That race is deliberate: a reader may see one table
 // partly rebuilt, for at most one frame, and every entry it can see at any moment (old, new
-// or the fill value) is a valid palette index or gray level. The palette is written once,
-// before any reader starts.
+// or the fill value) is a valid palette index or gray level. The depth colour table follows
+// the index table entry by entry once that is rebuilt, so between the two a reader sees old
+// or new colours, each a palette entry; its entries are atomics read and written relaxed.
+// The palette is written once, before any reader starts.
 #include "ColorMaps.h"
 
 #include <algorithm>
@@ -13,7 +15,10 @@ namespace lumora::display {
 namespace {
 
 Palette gPalette;
+// The palette as packed pixels, for composing the depth colour table.
+std::array<std::uint32_t, kPaletteSize> gPackedPalette;
 DepthIndexTable gDepthIndex;
+DepthColourTable gDepthColour;
 GrayTable gGray;
 Range gDepthRange{3000.0F, 0.0F};
 Range gGrayRange{200.0F, 0.0F};
@@ -61,6 +66,15 @@ void buildPalette() {
     first[kPaletteMissing] = 0;
     second[kPaletteMissing] = 0;
     third[kPaletteMissing] = 0;
+    for (std::size_t k = 0; k < kPaletteSize; ++k)
+        gPackedPalette[k] = static_cast<std::uint32_t>(first[k]) | static_cast<std::uint32_t>(second[k]) << 8U |
+                            static_cast<std::uint32_t>(third[k]) << 16U;
+}
+
+// Every entry, the never-built last one included, from the index table as it now stands.
+void composeDepthColours() {
+    for (std::size_t d = 0; d < kSampleTableSize; ++d)
+        gDepthColour[d].store(gPackedPalette[std::min(gDepthIndex[d], kPaletteMissing)], std::memory_order_relaxed);
 }
 
 // Divides before multiplying; in single precision the order shows: with (1000, 1.6) depth 25
@@ -112,6 +126,7 @@ ModelRanges modelRanges(const std::string& model) {
 void initColorMaps() {
     std::call_once(gPaletteOnce, buildPalette);
     rebuildDepthIndexTable(gDepthRange);
+    composeDepthColours();
     rebuildGrayTable(gGrayRange);
 }
 
@@ -119,6 +134,7 @@ void setDepthRange(const Range& range) {
     const std::lock_guard<std::mutex> lock(gDepthMutex);
     gDepthRange = range;
     rebuildDepthIndexTable(gDepthRange);
+    composeDepthColours();
 }
 
 void setGrayRange(const Range& range) {
@@ -133,5 +149,6 @@ const Range* getGrayRange() { return &gGrayRange; }
 const Palette& palette() { return gPalette; }
 const DepthIndexTable& depthIndexTable() { return gDepthIndex; }
 const GrayTable& grayTable() { return gGray; }
+const DepthColourTable& depthColourTable() { return gDepthColour; }
 
 }  // namespace lumora::display

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -25,6 +26,10 @@ using PaletteChannel = std::array<std::uint8_t, kPaletteSize>;
 using Palette = std::array<PaletteChannel, 3>;
 using DepthIndexTable = std::array<std::uint16_t, kSampleTableSize>;
 using GrayTable = std::array<std::uint8_t, kSampleTableSize>;
+// Entry d is the pixel of depth d, palette entry min(index[d], kPaletteMissing) packed as
+// byte 0 | byte 1 << 8 | byte 2 << 16 (the top byte 0): one look-up instead of index then
+// palette. Entries are read with relaxed loads while a rebuild may be storing them.
+using DepthColourTable = std::array<std::atomic<std::uint32_t>, kSampleTableSize>;
 // (max, min), in that order.
 using Range = std::pair<float, float>;
 
@@ -40,8 +45,9 @@ ModelRanges modelRanges(const std::string& model);
 // thread uses the setters. Until it has run the tables must not be used.
 void initColorMaps();
 
-// Shell thread. Store the range and rebuild its table under that range's own lock; the
-// table is complete for the new range when the call returns. A max equal to the min or
+// Shell thread. Store the range and rebuild its table under that range's own lock (the
+// depth range also the depth colour table, after the index table); the tables are complete
+// for the new range when the call returns. A max equal to the min or
 // below it is accepted: values below the min map to 0, the others above the max to the far
 // entry (gray 255), and a value equal to both to 0.
 void setDepthRange(const Range& range);
@@ -53,9 +59,11 @@ const Range* getDepthRange();
 const Range* getGrayRange();
 
 // Read by the renderer without a lock: during a rebuild a reader may see a table partly
-// rebuilt (one frame of mixed colours), never an index outside the palette.
+// rebuilt (one frame of mixed colours), never an index outside the palette nor a colour
+// that is not a palette entry.
 const Palette& palette();
 const DepthIndexTable& depthIndexTable();
 const GrayTable& grayTable();
+const DepthColourTable& depthColourTable();
 
 }  // namespace lumora::display

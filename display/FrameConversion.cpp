@@ -1,8 +1,8 @@
-// Design note: convertPointCloud shares its work (pixels of the cloud to gather and project)
-// between the calling thread and one helper thread started for that call: both claim pieces
-// from an atomic counter until none are left. Each piece writes only its own part of the
-// buffers; the caller joins the helper before it reads any of them, and the helper does not
-// outlive the call.
+// Design note: large conversions share their work with the calling thread's helper
+// (HelperThread): depth and amplitude in pieces of rows, point clouds in pieces of pixels to
+// gather and project. Each piece writes only its own rows or its own part of the buffers;
+// share() returns only when every piece is done and the helper has let go of the job, and
+// only then are the images and buffers read (read-outs, markers, drawing in pixel order).
 #include "FrameConversion.h"
 
 #include <algorithm>
@@ -12,8 +12,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include <opencv2/calib3d.hpp>
@@ -21,6 +19,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "ColorMaps.h"
+#include "HelperThread.h"
 
 namespace lumora::display {
 
@@ -28,38 +27,14 @@ namespace hs = halden::sensor;
 
 namespace {
 
-// Below this many points a second thread costs more than it saves. Depth and amplitude are
-// not shared: a VGA list is about 0.3 ms of work, and starting and joining a helper costs as
-// much whenever the other core is busy.
+// Below these sizes the helper's wake-up costs more than it takes over: a cloud point costs
+// about 30 ns to project, a depth and amplitude pixel well under 1 ns.
 constexpr std::size_t kSplitPoints = 20000;
-// The pieces the two threads claim: small enough that a helper starting late still finds
-// work, large enough that claiming one costs little beside the projection.
+constexpr std::size_t kSplitPixels = 65536;
+// The pieces the two threads claim: small enough that a helper waking late still finds work,
+// large enough that claiming one costs little beside the work in it.
 constexpr std::size_t kPiecePoints = 16384;
-
-// Runs work(begin, end) over [0, count) in pieces of `piece`, claimed in turn by the caller
-// and, when `split`, by one helper thread started for this call. A helper that starts late
-// finds the pieces taken, so a busy machine costs the caller no more than the thread's start.
-template <typename Work>
-void shareOut(std::size_t count, std::size_t piece, bool split, const Work& work) {
-    std::atomic<std::size_t> next{0};
-    const auto claim = [&] {
-        for (;;) {
-            const std::size_t begin = next.fetch_add(piece, std::memory_order_relaxed);
-            if (begin >= count) return;
-            work(begin, std::min(count, begin + piece));
-        }
-    };
-    std::thread helper;
-    if (split) {
-        try {
-            helper = std::thread(claim);
-        } catch (const std::system_error&) {
-            // Without a helper the caller claims every piece.
-        }
-    }
-    claim();
-    if (helper.joinable()) helper.join();
-}
+constexpr std::size_t kPiecePixels = 8192;
 
 // Float samples read as the nearest integer within the 16-bit range, without libm; NaN
 // fails both comparisons and reads 0.
@@ -71,20 +46,8 @@ inline std::uint16_t toSample(float value) {
     return static_cast<std::uint16_t>(whole + (value - static_cast<float>(whole) >= 0.5F ? 1 : 0));
 }
 
-// Palette entries as little-endian B, G, R, 0 words, so one 4-byte store writes a pixel.
-using PackedPalette = std::array<std::uint32_t, kPaletteSize>;
-
-PackedPalette packPalette() {
-    const Palette& colours = palette();
-    PackedPalette packed{};
-    for (std::size_t k = 0; k < kPaletteSize; ++k)
-        packed[k] = static_cast<std::uint32_t>(colours[0][k]) | static_cast<std::uint32_t>(colours[1][k]) << 8U |
-                    static_cast<std::uint32_t>(colours[2][k]) << 16U;
-    return packed;
-}
-
-inline std::uint32_t colourOf(const PackedPalette& packed, const DepthIndexTable& index, std::uint16_t depth) {
-    return packed[std::min<std::uint16_t>(index[depth], kPaletteMissing)];
+inline std::uint32_t colourOf(const DepthColourTable& colours, std::uint16_t depth) {
+    return colours[depth].load(std::memory_order_relaxed);
 }
 
 // The source column or row that each displayed one shows, as cv::resize picks it for
@@ -109,24 +72,30 @@ const std::uint16_t* samplesOf(const std::uint16_t* source, const int* columns, 
         scratch[i] = source[columns[i]];
     return scratch;
 }
+#if CV_SIMD128
+// toSample on four floats. Anything below 0.5 (NaN and negatives too: they fail the
+// comparison) reads 0; from 0.5 on, v + 0.5 truncated is the same half-up rounding, as the
+// sum is exact or rounds within the same integer there. 0.5 minus an ulp, whose sum would
+// round up to 1, is below the cut.
+inline cv::v_int32x4 toSamples4(cv::v_float32x4 value) {
+    const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
+    value = cv::v_min(value & (value >= half), cv::v_setall_f32(65535.0F));
+    return cv::v_trunc(value + half);
+}
+#endif
+
 // toSample on n floats, eight at a time in vector registers where the platform has them.
-// The clamps are selects on comparisons, so NaN reads 0 on every instruction set.
 void toSamples(const float* source, int n, std::uint16_t* out) {
     int i = 0;
 #if CV_SIMD128
-    const cv::v_float32x4 zero = cv::v_setzero_f32();
-    const cv::v_float32x4 top = cv::v_setall_f32(65535.0F);
-    const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
-    const auto four = [&](const float* from) {
-        cv::v_float32x4 value = cv::v_load(from);
-        value = cv::v_select(value > zero, value, zero);
-        value = cv::v_select(value < top, value, top);
-        const cv::v_int32x4 whole = cv::v_trunc(value);
-        // A true comparison is all ones, -1 as an integer.
-        return whole - cv::v_reinterpret_as_s32(value - cv::v_cvt_f32(whole) >= half);
-    };
-    for (; i + 8 <= n; i += 8)
-        cv::v_store(out + i, cv::v_pack_u(four(source + i), four(source + i + 4)));
+    // Offset into the signed 16-bit range for a plain saturating pack, then back.
+    const cv::v_int32x4 offset = cv::v_setall_s32(32768);
+    const cv::v_uint16x8 sign = cv::v_setall_u16(0x8000);
+    for (; i + 8 <= n; i += 8) {
+        const cv::v_int32x4 low = toSamples4(cv::v_load(source + i)) - offset;
+        const cv::v_int32x4 high = toSamples4(cv::v_load(source + i + 4)) - offset;
+        cv::v_store(out + i, cv::v_reinterpret_as_u16(cv::v_pack(low, high)) ^ sign);
+    }
 #endif
     for (; i < n; ++i)
         out[i] = toSample(source[i]);
@@ -143,14 +112,13 @@ const std::uint16_t* samplesOf(const float* source, const int* columns, int n, s
 }
 
 // Writes n colour pixels, four at a time as three 4-byte words.
-void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const PackedPalette& packed,
-               const DepthIndexTable& index) {
+void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const DepthColourTable& colours) {
     int i = 0;
     for (; i + 4 <= n; i += 4, out += 12) {
-        const std::uint32_t c0 = colourOf(packed, index, samples[i]);
-        const std::uint32_t c1 = colourOf(packed, index, samples[i + 1]);
-        const std::uint32_t c2 = colourOf(packed, index, samples[i + 2]);
-        const std::uint32_t c3 = colourOf(packed, index, samples[i + 3]);
+        const std::uint32_t c0 = colourOf(colours, samples[i]);
+        const std::uint32_t c1 = colourOf(colours, samples[i + 1]);
+        const std::uint32_t c2 = colourOf(colours, samples[i + 2]);
+        const std::uint32_t c3 = colourOf(colours, samples[i + 3]);
         // Three stores of their own: one 12-byte copy would go through the stack.
         const std::uint32_t first = c0 | c1 << 24U;
         const std::uint32_t second = c1 >> 8U | c2 << 16U;
@@ -160,7 +128,7 @@ void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const Pac
         std::memcpy(out + 8, &third, 4);
     }
     for (; i < n; ++i, out += 3) {
-        const std::uint32_t pixel = colourOf(packed, index, samples[i]);
+        const std::uint32_t pixel = colourOf(colours, samples[i]);
         std::memcpy(out, &pixel, 3);
     }
 }
@@ -176,6 +144,89 @@ void grayRow(const std::uint16_t* samples, int n, std::uint8_t* out, const GrayT
     }
     for (; i < n; ++i)
         out[i] = gray[samples[i]];
+}
+
+// Copies the points of pixels [begin, end) with z > 0 to `points` and their pixel numbers
+// to `pixels`, in pixel order, and returns how many there are. Four pixels that all have
+// z > 0 are copied at once in vector registers where the platform has them.
+std::size_t gatherPoints(const float* x, const float* y, const float* z, std::size_t begin, std::size_t end,
+                         cv::Point3f* points, std::int32_t* pixels) {
+    std::size_t n = 0;
+    std::size_t i = begin;
+    const auto one = [&](std::size_t at) {
+        points[n] = {x[at], y[at], z[at]};
+        pixels[n] = static_cast<std::int32_t>(at);
+        n += z[at] > 0.0F ? 1 : 0;
+    };
+#if CV_SIMD128
+    const cv::v_float32x4 zero = cv::v_setzero_f32();
+    const auto first = static_cast<int>(begin);
+    cv::v_int32x4 numbers(first, first + 1, first + 2, first + 3);
+    const cv::v_int32x4 four = cv::v_setall_s32(4);
+    for (; i + 4 <= end; i += 4, numbers += four) {
+        const cv::v_float32x4 depth = cv::v_load(z + i);
+        if (cv::v_check_all(depth > zero)) {
+            cv::v_store_interleave(&points[n].x, cv::v_load(x + i), cv::v_load(y + i), depth);
+            cv::v_store(pixels + n, numbers);
+            n += 4;
+        } else {
+            for (std::size_t at = i; at < i + 4; ++at)
+                one(at);
+        }
+    }
+#endif
+    for (; i < end; ++i)
+        one(i);
+    return n;
+}
+
+// For n projected points: their colour from z in millimetres into `colour`, their gray level
+// into `level` when there is one (read through their pixel numbers, which `landing` holds on
+// entry), then where each lands into `landing`: its pixel's number in the image, row by row,
+// or -1 off the image. Four at a time in vector registers where the platform has them.
+void placePoints(const cv::Point3f* points, const cv::Point2f* shown, std::size_t n, cv::Size display,
+                 const float* intensity, const DepthColourTable& colours, const GrayTable& gray, std::int32_t* landing,
+                 std::uint32_t* colour, std::uint8_t* level) {
+    if (level != nullptr)
+        for (std::size_t k = 0; k < n; ++k)
+            level[k] = gray[toSample(intensity[landing[k]])];
+    const auto width = static_cast<float>(display.width);
+    const auto height = static_cast<float>(display.height);
+    std::size_t k = 0;
+#if CV_SIMD128
+    const cv::v_float32x4 zero = cv::v_setzero_f32();
+    const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
+    const cv::v_float32x4 thousand = cv::v_setall_f32(1000.0F);
+    const cv::v_float32x4 right = cv::v_setall_f32(width);
+    const cv::v_float32x4 bottom = cv::v_setall_f32(height);
+    const cv::v_int32x4 rowLength = cv::v_setall_s32(display.width);
+    const cv::v_int32x4 offImage = cv::v_setall_s32(-1);
+    std::array<std::int32_t, 4> samples{};
+    for (; k + 4 <= n; k += 4) {
+        cv::v_float32x4 x;
+        cv::v_float32x4 y;
+        cv::v_float32x4 z;
+        cv::v_load_deinterleave(&points[k].x, x, y, z);
+        cv::v_store(samples.data(), toSamples4(z * thousand));
+        for (std::size_t j = 0; j < 4; ++j)
+            colour[k + j] = colourOf(colours, static_cast<std::uint16_t>(samples[j]));
+        cv::v_float32x4 u;
+        cv::v_float32x4 v;
+        cv::v_load_deinterleave(&shown[k].x, u, v);
+        u = u + half;
+        v = v + half;
+        const cv::v_float32x4 onImage = (u >= zero) & (v >= zero) & (u < right) & (v < bottom);
+        const cv::v_int32x4 at = cv::v_trunc(v) * rowLength + cv::v_trunc(u);
+        cv::v_store(landing + k, cv::v_select(cv::v_reinterpret_as_s32(onImage), at, offImage));
+    }
+#endif
+    for (; k < n; ++k) {
+        const float u = shown[k].x + 0.5F;
+        const float v = shown[k].y + 0.5F;
+        colour[k] = colourOf(colours, toSample(points[k].z * 1000.0F));
+        const bool onImage = u >= 0.0F && v >= 0.0F && u < width && v < height;
+        landing[k] = onImage ? static_cast<int>(v) * display.width + static_cast<int>(u) : -1;
+    }
 }
 
 // One frame of depth or amplitude, typed.
@@ -245,8 +296,7 @@ void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
     const std::vector<int> columns = nearestMap(shape.width, display.width);
     const int* columnMap = scaled ? columns.data() : nullptr;
 
-    const PackedPalette packed = packPalette();
-    const DepthIndexTable& index = depthIndexTable();
+    const DepthColourTable& colours = depthColourTable();
     const GrayTable& gray = grayTable();
     const bool withDepth = depthPlane.valid() && depthPlane.width == shape.width && depthPlane.height == shape.height;
     const bool withAmplitude =
@@ -254,18 +304,27 @@ void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
     if (withDepth) depthImage.image.create(display, CV_8UC3);
     if (withAmplitude) amplitudeImage.image.create(display, CV_8UC1);
 
-    std::vector<std::uint16_t> scratch(static_cast<std::size_t>(display.width));
-    const auto samples = [&](const Plane& plane, std::size_t offset) {
-        return plane.u16 ? samplesOf(plane.u16 + offset, columnMap, display.width, scratch.data())
-                         : samplesOf(plane.f32 + offset, columnMap, display.width, scratch.data());
+    // Rows are independent: pieces of them go to this thread and its helper.
+    const HelperThread::Work rowsOf = [&](std::size_t begin, std::size_t end) {
+        std::vector<std::uint16_t> scratch(static_cast<std::size_t>(display.width));
+        const auto samples = [&](const Plane& plane, std::size_t offset) {
+            return plane.u16 ? samplesOf(plane.u16 + offset, columnMap, display.width, scratch.data())
+                             : samplesOf(plane.f32 + offset, columnMap, display.width, scratch.data());
+        };
+        for (auto y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
+            const std::size_t offset = static_cast<std::size_t>(rows[static_cast<std::size_t>(y)]) * shape.width;
+            if (withDepth)
+                colourRow(samples(depthPlane, offset), display.width, depthImage.image.ptr<std::uint8_t>(y), colours);
+            if (withAmplitude)
+                grayRow(samples(amplitudePlane, offset), display.width, amplitudeImage.image.ptr<std::uint8_t>(y),
+                        gray);
+        }
     };
-    for (int y = 0; y < display.height; ++y) {
-        const std::size_t offset = static_cast<std::size_t>(rows[static_cast<std::size_t>(y)]) * shape.width;
-        if (withDepth)
-            colourRow(samples(depthPlane, offset), display.width, depthImage.image.ptr<std::uint8_t>(y), packed, index);
-        if (withAmplitude)
-            grayRow(samples(amplitudePlane, offset), display.width, amplitudeImage.image.ptr<std::uint8_t>(y), gray);
-    }
+    const auto height = static_cast<std::size_t>(display.height);
+    if (static_cast<std::size_t>(display.area()) >= kSplitPixels)
+        helperOfThisThread().share(height, std::max<std::size_t>(1, kPiecePixels / display.width), rowsOf);
+    else
+        rowsOf(0, height);
 
     if (withDepth) {
         const auto at = sourceIndex(rows, columns, shape.width, display, depthPoint);
@@ -323,64 +382,66 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
     static const cv::Vec3d kNoRotation(0.0, 0.0, 0.0);
     static const cv::Vec3d kNoTranslation(0.0, 0.0, 0.0);
 
+    const bool withIntensity = intensityImage != nullptr && intensity != nullptr;
+    const DepthColourTable& colours = depthColourTable();
+    const GrayTable& gray = grayTable();
+
     // Each piece gathers the points with z > 0 of its own pixels to the start of its own part
-    // of the buffers, in pixel order, and projects them in place.
+    // of the buffers, in pixel order, projects them in place, and works out for each where it
+    // lands and in what colour; only the drawing, in pixel order, is left to this thread.
     // Kept for the caller's next frame: fresh buffers this large come from the kernel each
     // time, at a page fault per 4 KiB. The helper reaches them through these pointers, not
     // through the names, which would give it its own.
     thread_local cv::Mat pointBuffer;
     thread_local cv::Mat projectedBuffer;
     thread_local cv::Mat pixelBuffer;
-    pointBuffer.create(static_cast<int>(count), 1, CV_32FC3);
-    projectedBuffer.create(static_cast<int>(count), 1, CV_32FC2);
-    pixelBuffer.create(static_cast<int>(count), 1, CV_32SC1);
+    thread_local cv::Mat colourBuffer;
+    thread_local cv::Mat levelBuffer;
+    const auto slots = static_cast<int>(count);
+    pointBuffer.create(slots, 1, CV_32FC3);
+    projectedBuffer.create(slots, 1, CV_32FC2);
+    pixelBuffer.create(slots, 1, CV_32SC1);
+    colourBuffer.create(slots, 1, CV_32SC1);
+    if (withIntensity) levelBuffer.create(slots, 1, CV_8UC1);
     auto* const points = pointBuffer.ptr<cv::Point3f>();
     auto* const projected = projectedBuffer.ptr<cv::Point2f>();
-    auto* const pixelOf = pixelBuffer.ptr<std::uint32_t>();
+    // A kept point's pixel number, until it is replaced by where the point lands.
+    auto* const pixelOf = pixelBuffer.ptr<std::int32_t>();
+    auto* const colourOfPoint = colourBuffer.ptr<std::uint32_t>();
+    auto* const levelOfPoint = withIntensity ? levelBuffer.ptr<std::uint8_t>() : nullptr;
     const std::size_t piece = count >= kSplitPoints ? kPiecePoints : std::max<std::size_t>(count, 1);
     std::vector<std::size_t> kept((count + piece - 1) / piece);
-    const auto gatherAndProject = [&](std::size_t begin, std::size_t end) {
-        cv::Point3f* point = points + begin;
-        std::uint32_t* pixel = pixelOf + begin;
-        std::size_t n = 0;
-        for (std::size_t i = begin; i < end; ++i) {
-            point[n] = {x[i], y[i], z[i]};
-            pixel[n] = static_cast<std::uint32_t>(i);
-            n += z[i] > 0.0F ? 1 : 0;
-        }
+    const HelperThread::Work gatherAndProject = [&](std::size_t begin, std::size_t end) {
+        cv::Point3f* const point = points + begin;
+        std::int32_t* const pixel = pixelOf + begin;
+        const std::size_t n = gatherPoints(x, y, z, begin, end, point, pixel);
         kept[begin / piece] = n;
         if (n == 0) return;
         const cv::Mat in(static_cast<int>(n), 1, CV_32FC3, point);
         cv::Mat out(static_cast<int>(n), 1, CV_32FC2, projected + begin);
         cv::projectPoints(in, kNoRotation, kNoTranslation, cameraMatrix, distortion, out, cv::noArray(), 0.0);
+        placePoints(point, projected + begin, n, display, intensity, colours, gray, pixel, colourOfPoint + begin,
+                    withIntensity ? levelOfPoint + begin : nullptr);
     };
-    shareOut(count, piece, count >= kSplitPoints, gatherAndProject);
+    if (count >= kSplitPoints)
+        helperOfThisThread().share(count, piece, gatherAndProject);
+    else if (count > 0)
+        gatherAndProject(0, count);
 
-    const PackedPalette packed = packPalette();
-    const DepthIndexTable& index = depthIndexTable();
-    const GrayTable& gray = grayTable();
     depthImage.image = cv::Mat::zeros(display, CV_8UC3);
-    if (intensityImage != nullptr && intensity != nullptr) intensityImage->image = cv::Mat::zeros(display, CV_8UC1);
-    const bool withIntensity = intensityImage != nullptr && !intensityImage->image.empty();
-    const auto draw = [&](std::size_t begin, std::size_t n) {
-        const cv::Point2f* shown = projected + begin;
-        for (std::size_t k = 0; k < n; ++k) {
-            const float u = shown[k].x + 0.5F;
-            const float v = shown[k].y + 0.5F;
-            if (!(u >= 0.0F && v >= 0.0F && u < static_cast<float>(display.width) &&
-                  v < static_cast<float>(display.height)))
-                continue;
-            const int column = static_cast<int>(u);
-            const int row = static_cast<int>(v);
-            const std::uint32_t pixel = pixelOf[begin + k];
-            const std::uint32_t colour = colourOf(packed, index, toSample(z[pixel] * 1000.0F));
-            std::memcpy(depthImage.image.ptr<std::uint8_t>(row) + std::ptrdiff_t{3} * column, &colour, 3);
-            if (withIntensity) intensityImage->image.at<std::uint8_t>(row, column) = gray[toSample(intensity[pixel])];
-        }
-    };
+    if (withIntensity) intensityImage->image = cv::Mat::zeros(display, CV_8UC1);
+    std::uint8_t* const colourPixels = depthImage.image.data;
+    std::uint8_t* const levelPixels = withIntensity ? intensityImage->image.data : nullptr;
     // In pixel order: where points meet, the later one shows.
-    for (std::size_t k = 0; k < kept.size(); ++k)
-        draw(k * piece, kept[k]);
+    for (std::size_t p = 0; p < kept.size(); ++p) {
+        const std::size_t begin = p * piece;
+        for (std::size_t k = begin; k < begin + kept[p]; ++k) {
+            const std::int32_t at = pixelOf[k];
+            if (at < 0) continue;
+            std::memcpy(colourPixels + std::ptrdiff_t{3} * at, &colourOfPoint[k], 3);
+            if (levelPixels != nullptr) levelPixels[at] = levelOfPoint[k];
+        }
+    }
 
     const std::vector<int> rows = nearestMap(height, display.height);
     const std::vector<int> columns = nearestMap(width, display.width);

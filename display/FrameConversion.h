@@ -1,6 +1,8 @@
 // Frame-to-image conversion for the live display: pure functions from library frames to
 // 8-bit images, read-out texts and marker colours, with no window involved. Every function
-// may be called from any thread; they read the colour and gray tables without a lock.
+// may be called from any thread; they read the colour and gray tables without a lock. A
+// calling thread that converts large images keeps a helper thread (HelperThread.h), which
+// ends with it.
 #pragma once
 
 #include <memory>
@@ -31,7 +33,8 @@ cv::Size displaySize(cv::Size frame, int displayWidth, int displayHeight);
 // nearest neighbour, in one pass over the rows. Float samples are rounded to the nearest
 // integer within 0..65535 (NaN reads 0) before the look-up. Either frame may be null; its
 // image is then left empty. The points are in displayed-image coordinates; a point outside
-// the image reads value 0 and takes black as its pixel.
+// the image reads value 0 and takes black as its pixel. Images of 65536 pixels or more are
+// shared out in pieces of rows between the caller and its helper thread.
 void convertDepthAmplitude(const std::shared_ptr<halden::sensor::LumoraFrame>& depth,
                            const std::shared_ptr<halden::sensor::LumoraFrame>& amplitude, cv::Size display,
                            cv::Point depthPoint, cv::Point amplitudePoint, WindowImage& depthImage,
@@ -52,10 +55,10 @@ Projection defaultProjection(cv::Size frame);
 // with z > 0 is coloured from z in millimetres through the depth tables and, for type 16,
 // its intensity through the gray table into `intensityImage`. The read-out value is the
 // frame's z at the point, in millimetres, truncated. Clouds of 20000 points or more are
-// gathered and projected by the caller and one helper thread started for the call. The
-// calling thread keeps its gather and projection buffers (about 24 bytes a point) for its
-// next call until it ends. Frames of other data types leave both images empty;
-// `intensityImage` may be null for type 8.
+// gathered and projected by the caller and its helper thread. The calling thread keeps its
+// gather, projection and placing buffers (about 29 bytes a point) for its next call until
+// it ends. Frames of other data types leave both images empty; `intensityImage` may be null
+// for type 8.
 void convertPointCloud(const std::shared_ptr<halden::sensor::LumoraFrame>& frame, const Projection& projection,
                        cv::Size display, cv::Point depthPoint, cv::Point intensityPoint, WindowImage& depthImage,
                        WindowImage* intensityImage);

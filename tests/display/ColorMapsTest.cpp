@@ -3,6 +3,7 @@
 // another thread reads the tables.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -18,6 +19,18 @@ namespace {
 using Rgb = std::array<int, 3>;  // bytes 0, 1, 2 of a pixel
 
 Rgb entry(std::size_t k) { return {palette()[0][k], palette()[1][k], palette()[2][k]}; }
+
+// The pixel of depth d by the two tables, packed as the depth colour table holds it.
+std::uint32_t packedColour(std::size_t d) {
+    const Rgb rgb = entry(std::min(depthIndexTable()[d], kPaletteMissing));
+    return static_cast<std::uint32_t>(rgb[0] | rgb[1] << 8 | rgb[2] << 16);
+}
+
+// Every entry of the depth colour table, the never-built last one too.
+void expectColoursFollowIndex() {
+    for (std::size_t d = 0; d < kSampleTableSize; ++d)
+        ASSERT_EQ(depthColourTable()[d].load(), packedColour(d)) << d;
+}
 
 class ColorMaps : public testing::Test {
 protected:
@@ -36,6 +49,7 @@ TEST(ColorMapsInit, BuildsTheTablesFromTheCurrentRanges) {
     EXPECT_EQ(entry(640), (Rgb{127, 255, 0}));
     EXPECT_EQ(depthIndexTable()[1500], 640);
     EXPECT_EQ(grayTable()[100], 127);
+    expectColoursFollowIndex();
 
     setDepthRange({3000.0F, 200.0F});
     setGrayRange({1200.0F, 200.0F});
@@ -84,6 +98,7 @@ TEST_F(ColorMaps, DepthMapsThroughTheRangeWithZeroMissing) {
     EXPECT_EQ(table[3000], kPaletteFar);
     EXPECT_EQ(table[3001], kPaletteFar);
     EXPECT_EQ(table[65535], 0);
+    expectColoursFollowIndex();
     // Non-decreasing between the bounds.
     for (std::size_t d = 2; d <= 3000; ++d)
         ASSERT_LE(table[d - 1], table[d]) << d;
@@ -94,6 +109,7 @@ TEST_F(ColorMaps, DepthMapsThroughTheRangeWithZeroMissing) {
     EXPECT_EQ(table[750], 640);
     EXPECT_EQ(table[1001], kPaletteFar);
     EXPECT_EQ(table[2000], kPaletteFar);
+    expectColoursFollowIndex();
 
     // Single precision, division first: the other order gives 30 and 180.
     setDepthRange({1000.0F, 1.6F});
@@ -157,12 +173,14 @@ TEST_F(ColorMaps, RebuildWhileAnotherThreadReads) {
     const Range depthRanges[] = {{3000.0F, 0.0F}, {3000.0F, 200.0F}};
     const Range grayRanges[] = {{200.0F, 0.0F}, {3000.0F, 150.0F}};
     std::array<std::vector<std::uint16_t>, 2> depthExpected;
+    std::array<std::vector<std::uint32_t>, 2> colourExpected;
     std::array<std::vector<std::uint8_t>, 2> grayExpected;
     for (int r = 0; r < 2; ++r) {
         setDepthRange(depthRanges[r]);
         setGrayRange(grayRanges[r]);
         for (auto k : probes) {
             depthExpected[r].push_back(depthIndexTable()[k]);
+            colourExpected[r].push_back(packedColour(k));
             grayExpected[r].push_back(grayTable()[k]);
         }
     }
@@ -173,6 +191,8 @@ TEST_F(ColorMaps, RebuildWhileAnotherThreadReads) {
             for (std::size_t i = 0; i < probes.size(); ++i) {
                 const std::uint16_t depth = depthIndexTable()[probes[i]];
                 if (depth != depthExpected[0][i] && depth != depthExpected[1][i] && depth != kPaletteFar) ++strays;
+                const std::uint32_t colour = depthColourTable()[probes[i]].load(std::memory_order_relaxed);
+                if (colour != colourExpected[0][i] && colour != colourExpected[1][i]) ++strays;
                 const std::uint8_t gray = grayTable()[probes[i]];
                 if (gray != grayExpected[0][i] && gray != grayExpected[1][i] && gray != 255) ++strays;
             }
@@ -187,6 +207,7 @@ TEST_F(ColorMaps, RebuildWhileAnotherThreadReads) {
     EXPECT_EQ(strays.load(), 0);
     for (std::size_t i = 0; i < probes.size(); ++i) {
         EXPECT_EQ(depthIndexTable()[probes[i]], depthExpected[1][i]) << probes[i];
+        EXPECT_EQ(depthColourTable()[probes[i]].load(), colourExpected[1][i]) << probes[i];
         EXPECT_EQ(grayTable()[probes[i]], grayExpected[1][i]) << probes[i];
     }
 }

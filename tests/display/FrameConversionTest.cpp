@@ -62,9 +62,12 @@ protected:
 };
 
 TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
-    // Rows that are not a whole number of four or eight pixels.
-    const int width = 62;
-    const int height = 47;
+    // Rows that are not a whole number of four or eight pixels, enough of them to be shared
+    // between two threads, and a height that leaves the last share short.
+    const int width = 331;
+    const int height = 199;
+    // A depth range of its own: the colours must follow a change of range.
+    setDepthRange({2500.0F, 300.0F});
     std::vector<cv::Mat> depthImages;
     for (const auto dataType : {hs::DATA_TYPE_UINT16, hs::DATA_TYPE_FLOAT32}) {
         WindowImage depth;
@@ -81,12 +84,12 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
                 ASSERT_EQ(depth.image.at<cv::Vec3b>(y, x), ruleColour(value)) << x << "," << y;
                 ASSERT_EQ(amplitude.image.at<std::uint8_t>(y, x), grayTable()[value]) << x << "," << y;
             }
-        // Depth 0 is missing and black; depth 1500 of 3000 is palette entry 640.
+        // Depth 0 is missing and black.
         EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 0), cv::Vec3b(0, 0, 0));
         const std::uint16_t atPoint = mValues[static_cast<std::size_t>(20 * width + 10) % mValues.size()];
         EXPECT_EQ(depth.readout, "  x:10, y:20, d:" + std::to_string(atPoint));
         const std::uint16_t atCorner = mValues[static_cast<std::size_t>(width * height - 1) % mValues.size()];
-        EXPECT_EQ(amplitude.readout, "  x:61, y:46, a:" + std::to_string(atCorner));
+        EXPECT_EQ(amplitude.readout, "  x:330, y:198, a:" + std::to_string(atCorner));
         // The marker is the pixel's inverse, and drawn over it.
         const cv::Vec3b pixel = ruleColour(atPoint);
         EXPECT_EQ(depth.marker, cv::Scalar(255 - pixel[0], 255 - pixel[1], 255 - pixel[2], 0));
@@ -99,12 +102,14 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
     EXPECT_EQ(cv::norm(depthImages[0], depthImages[1], cv::NORM_INF), 0.0);
 
     // Float samples round half up to an integer and clamp into the 16-bit range, NaN to 0;
-    // two groups of eight and a tail, as the conversion takes them.
+    // two groups of eight and a tail, as the conversion takes them. Just below 0.5 adding a
+    // half would round up to 1.
     const float inf = std::numeric_limits<float>::infinity();
+    const float belowHalf = std::nextafter(0.5F, 0.0F);
     const std::vector<std::pair<float, std::uint16_t>> rounding = {
         {149.6F, 150}, {-5.0F, 0},        {1.0e9F, 65535},   {0.4F, 0},  {2.5F, 3},       {NAN, 0},
         {99.5F, 100},  {65534.6F, 65535}, {65535.4F, 65535}, {0.5F, 1},  {7.49F, 7},      {-0.0F, 0},
-        {inf, 65535},  {-inf, 0},         {3.0F, 3},         {1e-3F, 0}, {1499.6F, 1500}, {NAN, 0}};
+        {inf, 65535},  {-inf, 0},         {belowHalf, 0},    {1e-3F, 0}, {1499.6F, 1500}, {NAN, 0}};
     const int count = static_cast<int>(rounding.size());
     Frame odd = hs::sim::make_frame(hs::LumoraFrame::FRAME_AMPLITUDE, hs::DATA_TYPE_FLOAT32, count, 1, 1, 0);
     for (int i = 0; i < count; ++i)
@@ -164,6 +169,13 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         planes[n - 1] = -40.0F / 50.0F;
         planes[2 * n - 1] = -34.0F / 50.0F;
         planes[3 * n - 1] = 1.0F;
+        // No point at (10, 20), which has z = 0; the one after it keeps its own intensity.
+        const std::size_t hole = std::size_t{20} * width + 10;
+        planes[2 * n + hole] = 0.0F;
+        // The point of (100, 50) moved far to the left, off the image, at a depth of its own.
+        planes[std::size_t{50} * width + 100] = -100.0F;
+        planes[2 * n + std::size_t{50} * width + 100] = 1.5F;
+        if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) planes[3 * n + hole + 1] = 150.0F;
         WindowImage depth;
         WindowImage intensity;
         convertPointCloud(frame, lens, {width, height}, {5, 6}, {5, 6}, depth, &intensity);
@@ -172,9 +184,16 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         EXPECT_EQ(depth.image.at<cv::Vec3b>(30, 40), ruleColour(1000));
         EXPECT_EQ(depth.image.at<cv::Vec3b>(6, 5), ruleColour(2000));
         EXPECT_EQ(depth.image.at<cv::Vec3b>(height - 1, 0), ruleColour(2000));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(20, 10), cv::Vec3b(0, 0, 0));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(20, 11), ruleColour(2000));
+        EXPECT_EQ(depth.image.at<cv::Vec3b>(50, 100), cv::Vec3b(0, 0, 0));
+        cv::Mat offImage;
+        cv::inRange(depth.image, ruleColour(1500), ruleColour(1500), offImage);
+        EXPECT_EQ(cv::countNonZero(offImage), 0);
         EXPECT_EQ(depth.readout, "  x:5, y:6, z:2000");
         if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) {
             EXPECT_EQ(intensity.image.at<std::uint8_t>(height - 1, 0), grayTable()[100]);
+            EXPECT_EQ(intensity.image.at<std::uint8_t>(20, 11), grayTable()[150]);
             EXPECT_EQ(intensity.readout, "  x:5, y:6, a:100");
         } else {
             EXPECT_TRUE(intensity.image.empty());

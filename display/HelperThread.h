@@ -1,0 +1,67 @@
+// A second thread that one calling thread keeps for sharing a job's pieces with it.
+//
+// The caller and the helper claim pieces of a job in turn until none are left. A helper that
+// has not taken the job by the time the caller runs out of pieces never takes it, so a helper
+// that the scheduler leaves waiting (the other core busy) costs the caller only the wake-up,
+// never a wait for the helper to be scheduled. A job in which the two did not work side by
+// side (the helper took no piece, or took them all while the caller waited for a core, or
+// lost its core in the middle of a piece and held the caller up) tells that the other core
+// is busy: the next jobs then run on the caller alone, without the wake-up, until one of
+// them tries the helper again.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace lumora::display {
+
+class HelperThread {
+public:
+    // Pieces [begin, end) of a job; they must not throw and may run on either thread.
+    using Work = std::function<void(std::size_t begin, std::size_t end)>;
+
+    // The thread starts at the first share(); none is started here.
+    HelperThread() = default;
+    // Stops and joins the helper.
+    ~HelperThread();
+    HelperThread(const HelperThread&) = delete;
+    HelperThread& operator=(const HelperThread&) = delete;
+
+    // Owning thread only. Runs work over [0, count) in pieces of `piece` (at least 1), claimed
+    // by the caller and the helper, and returns when every piece has run and the helper no
+    // longer touches `work`. Without a helper (it could not be started, or the other core
+    // looked busy in a recent job) the caller runs every piece.
+    void share(std::size_t count, std::size_t piece, const Work& work);
+
+private:
+    void serve();
+    // Claims and runs pieces until none are left; returns how many it ran.
+    std::size_t claim(const Work& work, std::size_t count, std::size_t piece);
+
+    std::mutex mMutex;
+    std::condition_variable mWake;
+    std::condition_variable mDone;
+    // Guarded by mMutex: the job on offer, whether it still is, whether the helper is in it.
+    const Work* mWork = nullptr;
+    std::size_t mCount = 0;
+    std::size_t mPiece = 1;
+    bool mOffered = false;
+    bool mBusy = false;
+    bool mStop = false;
+    std::size_t mHelped = 0;
+    // Owning thread only.
+    bool mTried = false;
+    int mAloneFor = 0;
+    // The next unclaimed position of the current job.
+    std::atomic<std::size_t> mNext{0};
+    std::thread mThread;
+};
+
+// The calling thread's own helper, made at its first use and ended (joined) with the thread.
+HelperThread& helperOfThisThread();
+
+}  // namespace lumora::display
