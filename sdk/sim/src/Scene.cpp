@@ -83,10 +83,8 @@ Scene::Scene(const DeviceConfig& device, const ModelInfo& model)
       mHeight(device.height),
       mGain(model.amplitudeGain),
       // The far wall stands well inside the model's range, so that only dim pixels go missing.
-      mBackWall(std::min(4.5F, 0.75F * static_cast<float>(model.rangeMax) / 1000.0F)) {
-    for (int lens = 0; lens < model.lensCount; ++lens) {
-        mLenses.push_back(make_lens(mWidth, mHeight, model.horizontalFov, lens));
-    }
+      mBackWall(std::min(4.5F, 0.75F * static_cast<float>(model.rangeMax) / 1000.0F)),
+      mLenses(lensesOf(device, model)) {
     const std::size_t pixels = static_cast<std::size_t>(mWidth) * mHeight;
     mRayX.resize(pixels);
     mRayY.resize(pixels);
@@ -99,6 +97,13 @@ Scene::Scene(const DeviceConfig& device, const ModelInfo& model)
     mAmplitude.resize(pixels);
     buildRays();
     buildRoom();
+}
+
+std::vector<LensCalibration> Scene::lensesOf(const DeviceConfig& device, const ModelInfo& model) {
+    std::vector<LensCalibration> lenses;
+    for (int lens = 0; lens < model.lensCount; ++lens)
+        lenses.push_back(make_lens(device.width, device.height, model.horizontalFov, lens));
+    return lenses;
 }
 
 double Scene::temperatureAt(double seconds) {
@@ -337,11 +342,12 @@ void Scene::writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::u
     std::memcpy(line->mutableBytes(), record, std::min(sizeof record, line->size()));
 }
 
-std::shared_ptr<SimFrameList> Scene::makeList(std::uint32_t mask, const SceneSettings& settings) const {
+std::shared_ptr<SimFrameList> Scene::makeList(std::uint32_t mask, const SceneSettings& settings, int width,
+                                              int height) {
     auto list = std::make_shared<SimFrameList>();
     for (const auto type : {LumoraFrame::FRAME_DEPTH, LumoraFrame::FRAME_AMPLITUDE, LumoraFrame::FRAME_POINTCLOUD,
                             LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
-        if ((mask & type) != 0) list->add(std::make_shared<SimFrame>(type, settings.dataTypeOf(type), mWidth, mHeight));
+        if ((mask & type) != 0) list->add(std::make_shared<SimFrame>(type, settings.dataTypeOf(type), width, height));
     }
     return list;
 }
