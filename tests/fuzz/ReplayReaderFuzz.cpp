@@ -15,6 +15,9 @@
 
 namespace {
 
+// Keeps the reads of each input.
+volatile std::uint64_t gTouched = 0;
+
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
 File open_bytes(std::vector<std::uint8_t>& bytes, std::size_t size) {
@@ -49,7 +52,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         sum += blocks[0] + blocks[blockBytes - 1] + recording->timestamp(i);
         if (const std::uint8_t* line = recording->line(i)) sum += line[0] + line[recording->info().width - 1];
     }
-    static volatile std::uint64_t touched = 0;  // keeps the reads above
-    touched = sum;
+    gTouched = sum;
     return 0;
 }
