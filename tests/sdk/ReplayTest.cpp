@@ -165,6 +165,7 @@ TEST_F(ReplayTest, FilesThatCannotBePlayedMakeNoDeviceAndOneLogLineEach) {
     std::string entries = "QRX100A:64x48";
     for (const auto& path : bad)
         entries += ",replay:" + path;
+    search_camera_source();  // the library reads its devices once at start: not now, but below
     testing::internal::CaptureStdout();
     mSources = use_devices(entries.c_str());
     const std::string log = testing::internal::GetCapturedStdout();

@@ -324,13 +324,13 @@ void Scene::shade(std::uint32_t frameNumber, const SceneSettings& settings) {
 void Scene::writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::uint64_t timestamp,
                               const SceneSettings& settings) const {
     if (!settings.embeddedDataLine) {
-        frame.removeProperty("embedded_data_line");
+        frame.removeProperty(embedded_line_key());
         return;
     }
-    auto [result, existing] = frame.getProperty("embedded_data_line");
+    auto [result, existing] = frame.getProperty(embedded_line_key());
     auto line = std::dynamic_pointer_cast<SimProperty>(existing);
     if (result != RESULT_SUCCESS || !line || line->size() != static_cast<std::size_t>(mWidth)) {
-        line = SimProperty::makeBytes("embedded_data_line", static_cast<std::size_t>(mWidth));
+        line = SimProperty::makeBytes(embedded_line_key(), static_cast<std::size_t>(mWidth));
         frame.setProperty(line);
     }
     std::uint8_t record[EmbeddedLineLayout::kUsed] = {'L', 'M'};

@@ -585,12 +585,12 @@ void SimCamera::fillFromRecording(std::size_t record, std::uint32_t frameNumber,
         const std::size_t first = frame->frameType() == LumoraFrame::FRAME_AMPLITUDE ? 1 : 0;
         std::memcpy(frame->mutableData(), blocks + first * mRecording->blockBytes(), frame->byteSize());
         if (line == nullptr) {
-            frame->removeProperty("embedded_data_line");
+            frame->removeProperty(embedded_line_key());
             continue;
         }
-        auto property = std::dynamic_pointer_cast<SimProperty>(std::get<1>(frame->getProperty("embedded_data_line")));
+        auto property = std::dynamic_pointer_cast<SimProperty>(std::get<1>(frame->getProperty(embedded_line_key())));
         if (!property || property->size() != lineBytes) {
-            property = SimProperty::makeBytes("embedded_data_line", lineBytes);
+            property = SimProperty::makeBytes(embedded_line_key(), lineBytes);
             frame->setProperty(property);
         }
         std::memcpy(property->mutableBytes(), line, lineBytes);
