@@ -38,7 +38,7 @@ struct DumpFile {
     }
 
     std::string write(const std::string& name) const {
-        const std::string path = testing::TempDir() + name;
+        std::string path = testing::TempDir() + name;
         std::ofstream out(path, std::ios::binary | std::ios::trunc);
         const dump::dump_header header{dump::kSyncByte, static_cast<std::uint8_t>(lines), 3, mode};
         dump::source_descriptor source{dump::kSourceDescriptorTag, {}};
@@ -145,7 +145,7 @@ TEST_F(ReplayTest, FilesThatCannotBePlayedMakeNoDeviceAndOneLogLineEach) {
     std::ifstream in(good, std::ios::binary);
     const std::string whole((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const auto variant = [&](const std::string& name, const std::string& bytes) {
-        const std::string path = testing::TempDir() + name;
+        std::string path = testing::TempDir() + name;
         std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
         return path;
     };

@@ -62,7 +62,10 @@ using File = std::unique_ptr<std::FILE, FileCloser>;
 
 File open_file(const std::string& path, std::string& problem) {
     File file(std::fopen(path.c_str(), "rb"));
-    if (!file) problem = std::string("the file cannot be opened (") + std::strerror(errno) + ")";
+    if (!file) {
+        char text[128];
+        problem = std::string("the file cannot be opened (") + strerror_r(errno, text, sizeof text) + ")";
+    }
     return file;
 }
 

@@ -101,6 +101,7 @@ Scene::Scene(const DeviceConfig& device, const ModelInfo& model)
 
 std::vector<LensCalibration> Scene::lensesOf(const DeviceConfig& device, const ModelInfo& model) {
     std::vector<LensCalibration> lenses;
+    lenses.reserve(static_cast<std::size_t>(model.lensCount));
     for (int lens = 0; lens < model.lensCount; ++lens)
         lenses.push_back(make_lens(device.width, device.height, model.horizontalFov, lens));
     return lenses;
