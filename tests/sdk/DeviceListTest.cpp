@@ -62,7 +62,7 @@ TEST(DeviceEntry, MalformedEntriesAreRejected) {
         "M@30@30", "M@ 30", "M@30fps", "M@0x1E",
         // Models are 1 to 31 letters, digits, '-' or '_'.
         "", "   ", ":64x48", "@30", "QRX 100A", "QRX100A!", "QRX.100A", "QRX/100A", "Q\xC3\x9C", "QRX100A,QRX200AP",
-        "replay:", " replay: "};
+        "replay:", " replay: ", "replay", "replay@30"};
     for (const char* entry : entries) {
         EXPECT_FALSE(parse_device_entry(entry).has_value()) << '"' << entry << '"';
     }

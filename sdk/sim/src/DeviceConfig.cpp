@@ -88,7 +88,10 @@ std::optional<DeviceConfig> parse_device_entry(const std::string& entry) {
     const auto colon = head.find(':');
     DeviceConfig device;
     device.model = head.substr(0, colon);
-    if (device.model.empty() || device.model.size() > 31) return std::nullopt;
+    // "replay" names replay entries, whose text a model of that name would share.
+    if (device.model.empty() || device.model.size() > 31 || device.model == "replay") {
+        return std::nullopt;
+    }
     for (const char c : device.model) {
         if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '_') return std::nullopt;
     }

@@ -33,7 +33,7 @@ struct DeviceConfig {
 };
 
 // Parses one entry "MODEL[:WxH][@FPS]" or "replay:PATH", blanks around it ignored. A model
-// is 1 to 31 letters, digits, '-' or '_'; a size is 8 to 4096 a side and 4 megapixels at
+// is 1 to 31 letters, digits, '-' or '_' other than "replay"; a size is 8 to 4096 a side and 4 megapixels at
 // most; a rate is 1 to 120 frames a second. Missing parts take the model's defaults. A
 // replay entry gives only the path (not empty); its file says the rest. Empty on a
 // malformed entry.
