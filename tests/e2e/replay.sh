@@ -116,9 +116,9 @@ for mode in 0 1 2 3; do
     wait_window "^QRX100A Amplitude"
     wait_window "^QRX100A Depth  x:80, y:60, d:[0-9]+$"
     title=$(xdo getwindowname "$(xdo search --name "^QRX100A Depth  x:" | head -1)")
-    depth=${title##*, d:}
-    centre_depths mode1.lmr | grep -qx -- "$depth" ||
-      fail "read-out \"$title\" is not a recorded depth at the centre: $(centre_depths mode1.lmr | tr '\n' ' ')"
+    depths=$(centre_depths mode1.lmr)
+    grep -qx -- "${title##*, d:}" <<<"$depths" ||
+      fail "read-out \"$title\" is not a recorded depth at the centre: $(tr '\n' ' ' <<<"$depths")"
   fi
   dump $mode "replay$mode.lmr"
   expect_after "$P" "stop" "-> result : success"
