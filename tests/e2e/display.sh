@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The live display through the real shell on the test's own X server: the windows of a run,
-# the read-out in the titles and its move by a click, the colour ramp on screen, windows
-# closed by "stop" (also after one was closed by hand), run/stop cycles, point-cloud windows;
-# then the same shell without a display.
+# the read-out in the titles and its move by a click, the colour ramp on screen and the
+# colour scale and display size settings seen there, windows closed by "stop" (also after
+# one was closed by hand), run/stop cycles, point-cloud windows; then the same shell without
+# a display.
 source "$(dirname "$0")/lib.sh"
 
 P="QRX100A:"
@@ -20,15 +21,35 @@ wait_window "^$N Amplitude  x:320, y:240, a:[0-9]+$"
 # window is raised over the others and the middle of its image (640 wide, centred under
 # highgui's tool bar) read from the server's screen.
 depth=$(xdo search --name "^$N Depth" | head -1)
-eval "$(xdo getwindowgeometry --shell "$depth")"
-xdo windowraise "$depth"
-sleep 0.5
-read -r distinct share < <(python3 "$(dirname "$0")/xwd_colours.py" "$WORKDIR/Xvfb_screen0" \
-  $(((WIDTH - 640) / 2 + 1)) 60 638 400)
+height() { xdo getwindowgeometry --shell "$depth" | sed -n 's/^HEIGHT=//p'; }
+full=$(height)
+# Distinct colours and the largest colour's share in the middle of the depth image.
+colours() {
+  local WIDTH
+  eval "$(xdo getwindowgeometry --shell "$depth")"
+  xdo windowraise "$depth"
+  sleep 0.5
+  python3 "$(dirname "$0")/xwd_colours.py" "$WORKDIR/Xvfb_screen0" $(((WIDTH - $1) / 2 + 1)) 60 $(($1 - 2)) "$2"
+}
+read -r distinct share < <(colours 640 400)
 ((distinct >= 200)) || fail "the depth window shows only $distinct colours"
 python3 -c "import sys; sys.exit(float('$share') > 0.5)" || fail "one colour covers $share of the depth window"
+# A colour scale that ends at 1 mm paints every measured depth in the far colour.
+expect_after "$P" "set scale_rgb_max 1" "-> result : success"
+one_colour() { read -r _ share < <(colours 640 400) && python3 -c "import sys; sys.exit(float('$share') < 0.8)"; }
+retry "the colour scale did not change the depth window" one_colour
+expect_after "$P" "set scale_rgb_max 7000" "-> result : success"
+# The display size only ever scales down: 160x120 takes 360 rows off the window, 640x480
+# leaves the frames at their own size.
+expect_after "$P" "set display_resolution 0" "-> result : success"
+shrunk() { [ "$(height)" -eq $((full - 360)) ]; }
+retry "the display size did not shrink the window" shrunk
+expect_after "$P" "set display_resolution 2" "-> result : success"
+own_size() { [ "$(height)" -eq "$full" ]; }
+retry "the window did not return to the frame's own size" own_size
 
 # A left click moves the read-out point; two clicks 40 pixels apart read 40 apart.
+eval "$(xdo getwindowgeometry --shell "$depth")"
 readout() { xdo getwindowname "$depth" | sed -n 's/.*  x:\([0-9]*\), y:\([0-9]*\), d:.*/\1 \2/p'; }
 clicked_at() { [ "$(readout)" != "$1" ] && [ -n "$(readout)" ]; }
 xdo mousemove --window "$depth" $((WIDTH / 2 - 100)) 200 click 1
