@@ -55,7 +55,7 @@ class Recording {
 public:
     Recording() : mDirectory(fs::current_path() / ("lumora-bench-lmr-" + std::to_string(::getpid()))) {
         fs::create_directories(mDirectory);
-        const hs::sim::DeviceConfig device{"QRX100A", kWidth, kHeight, 30.0};
+        const hs::sim::DeviceConfig device{"QRX100A", kWidth, kHeight, 30.0, {}};
         hs::sim::Scene scene(device, hs::sim::model_info(device.model));
         const hs::sim::SceneSettings settings;
         auto list = scene.makeList(2 | 4, settings);

@@ -19,7 +19,7 @@ namespace {
 
 using namespace halden::sensor;
 
-const sim::DeviceConfig kVga{"QRX100A", 640, 480, 30.0};
+const sim::DeviceConfig kVga{"QRX100A", 640, 480, 30.0, {}};
 
 void render(benchmark::State& state, std::uint32_t mask) {
     sim::Scene scene(kVga, sim::model_info(kVga.model));

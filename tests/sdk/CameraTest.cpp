@@ -266,7 +266,7 @@ TEST_F(CameraTest, ListsHoldTheScenesRenderingOfEachRequestedTypeOnce) {
     rendering.rangeMin = sim::model_info("QRX100A").rangeMin;
     rendering.rangeMax = 4000;
     rendering.embeddedDataLine = true;
-    sim::Scene scene({"QRX100A", 64, 48, rendering.fps}, sim::model_info("QRX100A"));
+    sim::Scene scene({"QRX100A", 64, 48, rendering.fps, {}}, sim::model_info("QRX100A"));
 
     const std::uint32_t masks[] = {LumoraFrame::FRAME_DEPTH,
                                    LumoraFrame::FRAME_AMPLITUDE,

@@ -13,6 +13,7 @@ using sim::parse_device_entry;
 
 std::string text_of(const std::optional<DeviceConfig>& parsed) {
     if (!parsed) return "(rejected)";
+    if (!parsed->recording.empty()) return "replay of " + parsed->recording;
     return parsed->model + " " + std::to_string(parsed->width) + "x" + std::to_string(parsed->height) + " @" +
            std::to_string(parsed->fps);
 }
@@ -24,21 +25,24 @@ TEST(DeviceEntry, MissingPartsTakeTheModelDefaultsAndFormattedEntriesParseBack) 
         std::string entry;
         DeviceConfig device;
     } cases[] = {
-        {"QRX100A", {"QRX100A", 640, 480, 30.0}},
-        {"QRX200AP@15", {"QRX200AP", 320, 240, 15.0}},
-        {"QRX100A:320x240", {"QRX100A", 320, 240, 30.0}},
-        {" \tT100K:64x48@7.5 \t", {"T100K", 64, 48, 7.5}},
+        {"QRX100A", {"QRX100A", 640, 480, 30.0, {}}},
+        {"QRX200AP@15", {"QRX200AP", 320, 240, 15.0, {}}},
+        {"QRX100A:320x240", {"QRX100A", 320, 240, 30.0, {}}},
+        {" \tT100K:64x48@7.5 \t", {"T100K", 64, 48, 7.5, {}}},
         // A model the library does not know still makes a device, with generic defaults.
-        {"Bench_rig-2", {"Bench_rig-2", generic.width, generic.height, generic.fps}},
-        {longest, {longest, 640, 480, 30.0}},
-        {"X:8x8@1", {"X", 8, 8, 1.0}},
-        {"M:4096x1024", {"M", 4096, 1024, 30.0}},
-        {"M:1024x4096", {"M", 1024, 4096, 30.0}},
-        {"M:2048x2048", {"M", 2048, 2048, 30.0}},
-        {"M:00640x480", {"M", 640, 480, 30.0}},
-        {"M@120", {"M", 640, 480, 120.0}},
-        {"M:16x16@60.", {"M", 16, 16, 60.0}},
-        {"Y:9x9@29.97", {"Y", 9, 9, 29.97}},
+        {"Bench_rig-2", {"Bench_rig-2", generic.width, generic.height, generic.fps, {}}},
+        {longest, {longest, 640, 480, 30.0, {}}},
+        {"X:8x8@1", {"X", 8, 8, 1.0, {}}},
+        {"M:4096x1024", {"M", 4096, 1024, 30.0, {}}},
+        {"M:1024x4096", {"M", 1024, 4096, 30.0, {}}},
+        {"M:2048x2048", {"M", 2048, 2048, 30.0, {}}},
+        {"M:00640x480", {"M", 640, 480, 30.0, {}}},
+        {"M@120", {"M", 640, 480, 120.0, {}}},
+        {"M:16x16@60.", {"M", 16, 16, 60.0, {}}},
+        {"Y:9x9@29.97", {"Y", 9, 9, 29.97, {}}},
+        // A replay entry is a path, whatever it looks like; its file says the rest.
+        {" replay:dumps/a b.lmr\t", {"", 0, 0, 0.0, "dumps/a b.lmr"}},
+        {"replay:8x8@30", {"", 0, 0, 0.0, "8x8@30"}},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(text_of(parse_device_entry(c.entry)), text_of(c.device)) << '"' << c.entry << '"';
@@ -57,7 +61,8 @@ TEST(DeviceEntry, MalformedEntriesAreRejected) {
         "M@0", "M@0.0", "M@.5", "M@0.99", "M@.", "M@", "M@120.5", "M@121", "M@-5", "M@abc", "M@1.2.3", "M@1e2",
         "M@30@30", "M@ 30", "M@30fps", "M@0x1E",
         // Models are 1 to 31 letters, digits, '-' or '_'.
-        "", "   ", ":64x48", "@30", "QRX 100A", "QRX100A!", "QRX.100A", "QRX/100A", "Q\xC3\x9C", "QRX100A,QRX200AP"};
+        "", "   ", ":64x48", "@30", "QRX 100A", "QRX100A!", "QRX.100A", "QRX/100A", "Q\xC3\x9C", "QRX100A,QRX200AP",
+        "replay:", " replay: ", "replay", "replay@30"};
     for (const char* entry : entries) {
         EXPECT_FALSE(parse_device_entry(entry).has_value()) << '"' << entry << '"';
     }
@@ -72,7 +77,7 @@ TEST(DeviceList, SkipsAndReportsMalformedEntries) {
     const auto devices = sim::parse_device_list("QRX100A, bad entry ,QRX200AP:64x48@10,,T100K:1x1,T110K@7", &rejected);
     ASSERT_EQ(devices.size(), 3U);
     EXPECT_EQ(devices[0].model, "QRX100A");
-    EXPECT_EQ(text_of(devices[1]), text_of(DeviceConfig{"QRX200AP", 64, 48, 10.0}));
+    EXPECT_EQ(text_of(devices[1]), text_of(DeviceConfig{"QRX200AP", 64, 48, 10.0, {}}));
     EXPECT_EQ(devices[2].model, "T110K");
     EXPECT_EQ(rejected, (std::vector<std::string>{" bad entry ", "", "T100K:1x1"}));
     rejected.clear();

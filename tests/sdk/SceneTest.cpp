@@ -18,7 +18,7 @@ using sim::SimFrameList;
 
 constexpr double kDegreesPerRadian = 180.0 / 3.14159265358979323846;
 
-sim::DeviceConfig device(const std::string& model, int width, int height) { return {model, width, height, 30.0}; }
+sim::DeviceConfig device(const std::string& model, int width, int height) { return {model, width, height, 30.0, {}}; }
 
 std::unique_ptr<Scene> make_scene(const sim::DeviceConfig& dev) {
     return std::make_unique<Scene>(dev, sim::model_info(dev.model));

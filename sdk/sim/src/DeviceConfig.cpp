@@ -5,10 +5,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace halden::sensor::sim {
 
 namespace {
+
+constexpr std::string_view kReplayPrefix = "replay:";
 
 std::string trim(const std::string& text) {
     const auto first = text.find_first_not_of(" \t");
@@ -74,12 +77,21 @@ ModelInfo model_info(const std::string& model) {
 
 std::optional<DeviceConfig> parse_device_entry(const std::string& entry) {
     const std::string text = trim(entry);
+    if (text.compare(0, kReplayPrefix.size(), kReplayPrefix) == 0) {
+        if (text.size() == kReplayPrefix.size()) return std::nullopt;
+        DeviceConfig device;
+        device.recording = text.substr(kReplayPrefix.size());
+        return device;
+    }
     const auto at = text.find('@');
     const std::string head = text.substr(0, at);
     const auto colon = head.find(':');
     DeviceConfig device;
     device.model = head.substr(0, colon);
-    if (device.model.empty() || device.model.size() > 31) return std::nullopt;
+    // "replay" names replay entries, whose text a model of that name would share.
+    if (device.model.empty() || device.model.size() > 31 || device.model == "replay") {
+        return std::nullopt;
+    }
     for (const char c : device.model) {
         if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '_') return std::nullopt;
     }
@@ -126,6 +138,7 @@ std::vector<DeviceConfig> parse_device_list(const std::string& text, std::vector
 }
 
 std::string format_device(const DeviceConfig& device) {
+    if (!device.recording.empty()) return std::string(kReplayPrefix) + device.recording;
     char rate[32];
     std::snprintf(rate, sizeof rate, "%g", device.fps);
     return device.model + ":" + std::to_string(device.width) + "x" + std::to_string(device.height) + "@" + rate;

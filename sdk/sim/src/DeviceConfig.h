@@ -28,11 +28,14 @@ struct DeviceConfig {
     int width = 0;
     int height = 0;
     double fps = 0.0;
+    // The dump file a replay device plays; empty for a device that renders its scene.
+    std::string recording;
 };
 
-// Parses one entry "MODEL[:WxH][@FPS]", blanks around it ignored. A model is 1 to 31
-// letters, digits, '-' or '_'; a size is 8 to 4096 a side and 4 megapixels at most; a rate
-// is 1 to 120 frames a second. Missing parts take the model's defaults. Empty on a
+// Parses one entry "MODEL[:WxH][@FPS]" or "replay:PATH", blanks around it ignored. A model
+// is 1 to 31 letters, digits, '-' or '_' other than "replay"; a size is 8 to 4096 a side and 4 megapixels at
+// most; a rate is 1 to 120 frames a second. Missing parts take the model's defaults. A
+// replay entry gives only the path (not empty); its file says the rest. Empty on a
 // malformed entry.
 std::optional<DeviceConfig> parse_device_entry(const std::string& entry);
 
@@ -41,7 +44,7 @@ std::optional<DeviceConfig> parse_device_entry(const std::string& entry);
 // unset variable and the value "none".
 std::vector<DeviceConfig> parse_device_list(const std::string& text, std::vector<std::string>* rejected = nullptr);
 
-// The entry text of a device, "MODEL:WxH@FPS".
+// The entry text of a device, "MODEL:WxH@FPS" or "replay:PATH".
 std::string format_device(const DeviceConfig& device);
 
 }  // namespace halden::sensor::sim

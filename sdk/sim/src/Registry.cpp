@@ -73,11 +73,23 @@ void Registry::load() {
     if (!mSearchable) return;
     std::vector<std::string> rejected;
     for (auto& device : parse_device_list(text, &rejected)) {
-        mSources.push_back(std::make_shared<SimSource>(mNextNumber++, std::move(device)));
+        if (auto source = makeSource(std::move(device), "LUMORA_SIM_DEVICES")) mSources.push_back(std::move(source));
     }
     for (const auto& entry : rejected) {
         Log::e(LUMORA_LOG_TAG("Registry"), "LUMORA_SIM_DEVICES: ignoring malformed device \"%s\"\n", entry.c_str());
     }
+}
+
+std::shared_ptr<SimSource> Registry::makeSource(DeviceConfig device, const char* origin) {
+    if (device.recording.empty()) return std::make_shared<SimSource>(mNextNumber++, std::move(device));
+    std::string problem;
+    auto recording = describe_recording(device.recording, problem);
+    if (!recording) {
+        Log::e(LUMORA_LOG_TAG("Registry"), "%s: no replay device from \"%s\": %s\n", origin, device.recording.c_str(),
+               problem.c_str());
+        return nullptr;
+    }
+    return std::make_shared<SimSource>(mNextNumber++, std::move(device), std::move(recording));
 }
 
 Result Registry::reset() {
@@ -103,6 +115,7 @@ std::shared_ptr<LumoraCamera> Registry::create(const std::shared_ptr<LumoraSourc
     const auto it = std::find_if(mSources.begin(), mSources.end(),
                                  [&](const std::shared_ptr<SimSource>& s) { return s->uri() == source->uri(); });
     if (it == mSources.end()) return nullptr;
+    const std::shared_ptr<SimSource>& found = *it;
     mCameras.erase(std::remove_if(mCameras.begin(), mCameras.end(),
                                   [](const std::weak_ptr<SimCamera>& c) {
                                       auto open = c.lock();
@@ -113,7 +126,24 @@ std::shared_ptr<LumoraCamera> Registry::create(const std::shared_ptr<LumoraSourc
         auto open = weak.lock();
         if (open && open->source()->uri() == source->uri()) return nullptr;  // already open
     }
-    auto camera = std::make_shared<SimCamera>(*it);
+    std::shared_ptr<const Recording> recording;
+    if (const auto& described = found->recording()) {
+        // The file is read whole here, and must still be what the device list found.
+        std::string problem;
+        recording = Recording::load(found->device().recording, problem);
+        const RecordingInfo* info = recording ? &recording->info() : nullptr;
+        if (info != nullptr && (info->mode != described->mode || info->width != described->width ||
+                                info->height != described->height || info->embeddedLines != described->embeddedLines ||
+                                info->name != described->name || info->serialNumber != described->serialNumber)) {
+            problem = "the file has changed since the device list was read";
+        }
+        if (!problem.empty()) {
+            Log::e(LUMORA_LOG_TAG("Registry"), "%s: cannot open \"%s\": %s\n", found->uri().c_str(),
+                   found->device().recording.c_str(), problem.c_str());
+            return nullptr;
+        }
+    }
+    auto camera = std::make_shared<SimCamera>(found, std::move(recording));
     mCameras.push_back(camera);
     mSelected = camera;
     return camera;
@@ -175,12 +205,13 @@ void Registry::announce(const std::shared_ptr<SimSource>& source, bool attached)
 }
 
 Result Registry::attach(const std::string& entry) {
-    const auto device = parse_device_entry(entry);
+    auto device = parse_device_entry(entry);
     if (!device) return RESULT_INVALID_PARAMETER;
     std::shared_ptr<SimSource> source;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        source = std::make_shared<SimSource>(mNextNumber++, *device);
+        source = makeSource(std::move(*device), "sim_attach");
+        if (!source) return RESULT_INVALID_PARAMETER;
         mSources.push_back(source);
         mSearchable = true;
     }

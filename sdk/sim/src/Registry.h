@@ -33,7 +33,9 @@ public:
     Result setProperty(const std::shared_ptr<LumoraProperty>& property);
     std::tuple<Result, std::shared_ptr<LumoraProperty>> getProperty(const std::string& key);
 
-    // Hot-plug: a new device from an entry "MODEL[:WxH][@FPS]", or the device "sim:N" gone.
+    // Hot-plug: a new device from an entry "MODEL[:WxH][@FPS]" or "replay:PATH", or the
+    // device numbered N ("sim:N", "replay:N") gone. A replay file that cannot be played is
+    // logged and refused with RESULT_INVALID_PARAMETER.
     Result attach(const std::string& entry);
     Result detach(int number);
     // The open camera on the device with this URI, or null.
@@ -44,6 +46,9 @@ public:
 private:
     Registry();
     void load();  // mMutex held
+    // A source for a parsed entry, numbered next; empty for a replay file that cannot be
+    // played, which is logged with `origin` (what named the file) first. mMutex held.
+    std::shared_ptr<SimSource> makeSource(DeviceConfig device, const char* origin);
     std::shared_ptr<LumoraCamera> selected();
     // Tells the source listeners on the hot-plug thread.
     void announce(const std::shared_ptr<SimSource>& source, bool attached);

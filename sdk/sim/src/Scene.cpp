@@ -83,10 +83,8 @@ Scene::Scene(const DeviceConfig& device, const ModelInfo& model)
       mHeight(device.height),
       mGain(model.amplitudeGain),
       // The far wall stands well inside the model's range, so that only dim pixels go missing.
-      mBackWall(std::min(4.5F, 0.75F * static_cast<float>(model.rangeMax) / 1000.0F)) {
-    for (int lens = 0; lens < model.lensCount; ++lens) {
-        mLenses.push_back(make_lens(mWidth, mHeight, model.horizontalFov, lens));
-    }
+      mBackWall(std::min(4.5F, 0.75F * static_cast<float>(model.rangeMax) / 1000.0F)),
+      mLenses(lensesOf(device, model)) {
     const std::size_t pixels = static_cast<std::size_t>(mWidth) * mHeight;
     mRayX.resize(pixels);
     mRayY.resize(pixels);
@@ -99,6 +97,14 @@ Scene::Scene(const DeviceConfig& device, const ModelInfo& model)
     mAmplitude.resize(pixels);
     buildRays();
     buildRoom();
+}
+
+std::vector<LensCalibration> Scene::lensesOf(const DeviceConfig& device, const ModelInfo& model) {
+    std::vector<LensCalibration> lenses;
+    lenses.reserve(static_cast<std::size_t>(model.lensCount));
+    for (int lens = 0; lens < model.lensCount; ++lens)
+        lenses.push_back(make_lens(device.width, device.height, model.horizontalFov, lens));
+    return lenses;
 }
 
 double Scene::temperatureAt(double seconds) {
@@ -319,13 +325,13 @@ void Scene::shade(std::uint32_t frameNumber, const SceneSettings& settings) {
 void Scene::writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::uint64_t timestamp,
                               const SceneSettings& settings) const {
     if (!settings.embeddedDataLine) {
-        frame.removeProperty("embedded_data_line");
+        frame.removeProperty(embedded_line_key());
         return;
     }
-    auto [result, existing] = frame.getProperty("embedded_data_line");
+    auto [result, existing] = frame.getProperty(embedded_line_key());
     auto line = std::dynamic_pointer_cast<SimProperty>(existing);
     if (result != RESULT_SUCCESS || !line || line->size() != static_cast<std::size_t>(mWidth)) {
-        line = SimProperty::makeBytes("embedded_data_line", static_cast<std::size_t>(mWidth));
+        line = SimProperty::makeBytes(embedded_line_key(), static_cast<std::size_t>(mWidth));
         frame.setProperty(line);
     }
     std::uint8_t record[EmbeddedLineLayout::kUsed] = {'L', 'M'};
@@ -337,11 +343,12 @@ void Scene::writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::u
     std::memcpy(line->mutableBytes(), record, std::min(sizeof record, line->size()));
 }
 
-std::shared_ptr<SimFrameList> Scene::makeList(std::uint32_t mask, const SceneSettings& settings) const {
+std::shared_ptr<SimFrameList> Scene::makeList(std::uint32_t mask, const SceneSettings& settings, int width,
+                                              int height) {
     auto list = std::make_shared<SimFrameList>();
     for (const auto type : {LumoraFrame::FRAME_DEPTH, LumoraFrame::FRAME_AMPLITUDE, LumoraFrame::FRAME_POINTCLOUD,
                             LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
-        if ((mask & type) != 0) list->add(std::make_shared<SimFrame>(type, settings.dataTypeOf(type), mWidth, mHeight));
+        if ((mask & type) != 0) list->add(std::make_shared<SimFrame>(type, settings.dataTypeOf(type), width, height));
     }
     return list;
 }

@@ -57,12 +57,19 @@ public:
     int width() const { return mWidth; }
     int height() const { return mHeight; }
     const std::vector<LensCalibration>& lenses() const { return mLenses; }
+    // The calibration of a device of this model at the device's size, without its scene.
+    static std::vector<LensCalibration> lensesOf(const DeviceConfig& device, const ModelInfo& model);
     // Sensor temperature in degrees Celsius, t seconds after power-up.
     static double temperatureAt(double seconds);
 
     // A list with one frame of this scene's size for each type in the mask, in the data
     // types of the settings; its planes are not initialised.
-    std::shared_ptr<SimFrameList> makeList(std::uint32_t mask, const SceneSettings& settings) const;
+    std::shared_ptr<SimFrameList> makeList(std::uint32_t mask, const SceneSettings& settings) const {
+        return makeList(mask, settings, mWidth, mHeight);
+    }
+    // The same for frames of any size.
+    static std::shared_ptr<SimFrameList> makeList(std::uint32_t mask, const SceneSettings& settings, int width,
+                                                  int height);
 
     // Fills every frame of the list (allocated to this scene's size) with frame
     // `frameNumber` and stamps the list. Not reentrant: one thread renders at a time.

@@ -4,14 +4,18 @@
 //   the list to every sink in turn. It reads settings and sinks under mMutex, never holds a
 //   lock while calling a sink, and is only ever joined with mControl held, so a sink that
 //   sets a property from its frame callback cannot deadlock a concurrent stop().
+//   A replay device's delivery thread plays its file the same way, each record due its
+//   recorded interval after the one before.
 // - Events (mEvents): state and error callbacks in the order the life cycle produced them,
 //   one at a time. Posting never waits, so sinks may block in their state callbacks
 //   (joining threads of their own) while the camera's operations go on. close() drains the
 //   queue, so no sink hears of the camera after destroy_camera().
 #include "SimCamera.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 #include "Registry.h"
 
@@ -86,9 +90,9 @@ Result assign(const LumoraProperty& property, double maxFps, SceneSettings& sett
     return read_only_key(key) ? RESULT_INVALID_OPERATION : RESULT_NOT_SUPPORTED;
 }
 
-std::shared_ptr<LumoraProperties> firmware_info(const DeviceConfig& device) {
+std::shared_ptr<LumoraProperties> firmware_info(const DeviceConfig& device, int firmwareVersion) {
     auto info = std::make_shared<SimProperties>("fw_info");
-    info->add(SimProperty::makeInt32("fw_version", kFirmwareVersion, true));
+    info->add(SimProperty::makeInt32("fw_version", firmwareVersion, true));
     info->add(SimProperty::makeString("fw_build_date", "2026-09-14", true));
     info->add(SimProperty::makeString("hw_revision", "B2", true));
     info->add(SimProperty::makeString(
@@ -98,20 +102,31 @@ std::shared_ptr<LumoraProperties> firmware_info(const DeviceConfig& device) {
 
 }  // namespace
 
-SimSource::SimSource(int number, DeviceConfig device)
+SimSource::SimSource(int number, DeviceConfig device, std::optional<RecordingInfo> recording)
     : mNumber(number),
       mDevice(std::move(device)),
-      mSerialNumber(serial_for(number, mDevice.model)),
-      mUri("sim:" + std::to_string(number)) {}
+      mRecording(std::move(recording)),
+      mSerialNumber(mRecording ? mRecording->serialNumber : serial_for(number, mDevice.model)),
+      mUri((mRecording ? "replay:" : "sim:") + std::to_string(number)) {
+    if (mRecording) {
+        mDevice.model = mRecording->name;
+        mDevice.width = mRecording->width;
+        mDevice.height = mRecording->height;
+        mDevice.fps = mRecording->fps;
+    }
+}
 
-SimCamera::SimCamera(std::shared_ptr<SimSource> source)
+SimCamera::SimCamera(std::shared_ptr<SimSource> source, std::shared_ptr<const Recording> recording)
     : mSource(std::move(source)),
       mModel(model_info(mSource->device().model)),
       mOpened(std::chrono::steady_clock::now()),
-      mScene(mSource->device(), mModel) {
+      mRecording(std::move(recording)),
+      mLenses(Scene::lensesOf(mSource->device(), mModel)),
+      mScene(mRecording ? nullptr : std::make_unique<Scene>(mSource->device(), mModel)) {
     mSettings.fps = mSource->device().fps;
     mSettings.rangeMin = mModel.rangeMin;
     mSettings.rangeMax = mModel.rangeMax;
+    mSettings.embeddedDataLine = mRecording && mRecording->info().embeddedLines;
 }
 
 SimCamera::~SimCamera() { close(); }
@@ -120,6 +135,8 @@ LumoraCamera::State SimCamera::state() const {
     std::lock_guard<std::mutex> lock(mMutex);
     return mState;
 }
+
+int SimCamera::firmwareVersion() const { return mRecording ? mRecording->info().firmwareVersion : kFirmwareVersion; }
 
 Result SimCamera::usable() const {
     if (mClosed) return RESULT_INVALID_OPERATION;
@@ -135,22 +152,24 @@ static Result lens_value(const std::vector<LensCalibration>& lenses, int lens, T
 }
 
 Result SimCamera::getDistortionCoefficients(int lens, DistortionCoefficients& out) const {
-    return lens_value(mScene.lenses(), lens, &LensCalibration::distortion, out);
+    return lens_value(mLenses, lens, &LensCalibration::distortion, out);
 }
 
 Result SimCamera::getIntrinsicParameters(int lens, IntrinsicParameters& out) const {
-    return lens_value(mScene.lenses(), lens, &LensCalibration::intrinsics, out);
+    return lens_value(mLenses, lens, &LensCalibration::intrinsics, out);
 }
 
 Result SimCamera::getExtrinsicParameters(int lens, ExtrinsicParameters& out) const {
-    return lens_value(mScene.lenses(), lens, &LensCalibration::extrinsics, out);
+    return lens_value(mLenses, lens, &LensCalibration::extrinsics, out);
 }
 
 Result SimCamera::getFieldOfView(int lens, FieldOfView& out) const {
-    return lens_value(mScene.lenses(), lens, &LensCalibration::fov, out);
+    return lens_value(mLenses, lens, &LensCalibration::fov, out);
 }
 
-std::uint32_t SimCamera::supportedFrameTypes() const { return kAllFrameTypes; }
+std::uint32_t SimCamera::supportedFrameTypes() const {
+    return mRecording ? mRecording->info().frameTypes() : kAllFrameTypes;
+}
 
 std::uint32_t SimCamera::wantedFrame() const {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -198,7 +217,7 @@ Result SimCamera::run(int wantedFrame) {
         if (const Result result = usable(); result != RESULT_SUCCESS) return result;
         if (mState == STATE_NOT_PREPARED) return RESULT_NOT_READY;
         if (mState == STATE_RUNNING) return RESULT_ALREADY_RUNNING;
-        if (wantedFrame <= 0 || (static_cast<std::uint32_t>(wantedFrame) & ~kAllFrameTypes) != 0) {
+        if (wantedFrame <= 0 || (static_cast<std::uint32_t>(wantedFrame) & ~supportedFrameTypes()) != 0) {
             return RESULT_INVALID_PARAMETER;
         }
         mWanted = static_cast<std::uint32_t>(wantedFrame);
@@ -206,7 +225,7 @@ Result SimCamera::run(int wantedFrame) {
         mState = STATE_RUNNING;
         postState(STATE_RUNNING);
     }
-    mDelivery = std::thread([this] { deliver(); });
+    mDelivery = std::thread([this] { mRecording ? play() : deliver(); });
     return RESULT_SUCCESS;
 }
 
@@ -325,6 +344,7 @@ Result SimCamera::setProperty(const std::shared_ptr<LumoraProperty>& property) {
     const Result result = assign(*property, std::max(60.0, mSource->device().fps), settings);
     if (result != RESULT_SUCCESS) return result;
     if (settings.rangeMin >= settings.rangeMax) return RESULT_OUT_OF_RANGE;
+    if (const Result refused = recordingRefuses(settings); refused != RESULT_SUCCESS) return refused;
     mSettings = settings;
     mWake.notify_all();  // a new frame rate moves the next deadline
     return RESULT_SUCCESS;
@@ -342,6 +362,7 @@ Result SimCamera::setProperties(const std::shared_ptr<LumoraProperties>& propert
         if (result != RESULT_SUCCESS) return result;
     }
     if (settings.rangeMin >= settings.rangeMax) return RESULT_OUT_OF_RANGE;
+    if (const Result refused = recordingRefuses(settings); refused != RESULT_SUCCESS) return refused;
     mSettings = settings;
     mWake.notify_all();  // a new frame rate moves the next deadline
     return RESULT_SUCCESS;
@@ -378,7 +399,7 @@ std::tuple<Result, std::shared_ptr<LumoraProperty>> SimCamera::getProperty(const
     } else if (key == "height") {
         property = SimProperty::makeInt32(key, device.height, true);
     } else if (key == "fw_version") {
-        property = SimProperty::makeInt32(key, kFirmwareVersion, true);
+        property = SimProperty::makeInt32(key, firmwareVersion(), true);
     } else if (key == "temperature") {
         const std::chrono::duration<double> up = std::chrono::steady_clock::now() - mOpened;
         property = SimProperty::makeFloat32(key, static_cast<float>(Scene::temperatureAt(up.count())), true);
@@ -393,7 +414,7 @@ std::tuple<Result, std::shared_ptr<LumoraProperties>> SimCamera::getProperties(c
         std::lock_guard<std::mutex> lock(mMutex);
         if (const Result result = usable(); result != RESULT_SUCCESS) return {result, nullptr};
     }
-    if (name == "fw_info") return {RESULT_SUCCESS, firmware_info(mSource->device())};
+    if (name == "fw_info") return {RESULT_SUCCESS, firmware_info(mSource->device(), firmwareVersion())};
     if (name != "settings" && name != "device_info") return {RESULT_NOT_SUPPORTED, nullptr};
     static const char* const settingKeys[] = {"amplitude_threshold", "framerate",           "depth_range_min",
                                               "depth_range_max",     "illumination",        "embedded_data_line",
@@ -461,7 +482,7 @@ std::shared_ptr<SimFrameList> SimCamera::acquireList(std::uint32_t mask, const S
             return list;
         }
     }
-    auto list = mScene.makeList(mask, settings);
+    auto list = Scene::makeList(mask, settings, mSource->device().width, mSource->device().height);
     if (mPool.size() < kPoolLimit) mPool.push_back(list);
     return list;
 }
@@ -494,7 +515,7 @@ void SimCamera::deliver() {
             const std::uint32_t mask = mWanted;
             lock.unlock();
             auto pooled = acquireList(mask, settings);
-            mScene.render(frameNumber, microsecondsSinceOpen(deadline), settings, *pooled);
+            mScene->render(frameNumber, microsecondsSinceOpen(deadline), settings, *pooled);
             ahead = std::move(pooled);
             lock.lock();
             continue;  // the rate may have changed meanwhile
@@ -502,23 +523,92 @@ void SimCamera::deliver() {
         if (mWake.wait_until(lock, deadline, [this, fps] { return mStopDelivery || mSettings.fps != fps; })) continue;
         ++tick;
         mNextFrameNumber = frameNumber + 1;
-        mDeliverySinks = mSinks;
-        std::shared_ptr<LumoraFrameList> list = std::move(ahead);
-        if (!mInjected.empty()) {
-            list = std::move(mInjected.front());
-            mInjected.pop_front();
-        }
-        lock.unlock();
-
-        for (auto* sink : mDeliverySinks)
-            sink->onLumoraFrameList(mSource.get(), list);
-        list.reset();
+        handOver(std::move(ahead), lock);
 
         // A sensor that was not read out in time has dropped the frames in between.
         const auto late = Clock::now() - deadline;
         if (late > period) tick += static_cast<std::uint64_t>(late / period);
-        lock.lock();
     }
+}
+
+void SimCamera::handOver(std::shared_ptr<LumoraFrameList> list, std::unique_lock<std::mutex>& lock) {
+    mDeliverySinks = mSinks;
+    if (!mInjected.empty()) {
+        list = std::move(mInjected.front());
+        mInjected.pop_front();
+    }
+    lock.unlock();
+    for (auto* sink : mDeliverySinks)
+        sink->onLumoraFrameList(mSource.get(), list);
+    list.reset();
+    lock.lock();
+}
+
+// Records are copied ahead, like rendered frames, and the camera's frame counter picks the
+// record, so a new run goes on where the last one stopped.
+void SimCamera::play() {
+    using Clock = std::chrono::steady_clock;
+    mDeliveryId = std::this_thread::get_id();
+    std::unique_lock<std::mutex> lock(mMutex);
+    Clock::time_point last = Clock::now();
+    std::shared_ptr<LumoraFrameList> ahead;
+    while (!mStopDelivery) {
+        const std::uint32_t frameNumber = mNextFrameNumber;
+        const std::size_t record = frameNumber % mRecording->size();
+        if (!ahead) {
+            const SceneSettings settings = mSettings;
+            const std::uint32_t mask = mWanted;
+            lock.unlock();
+            auto pooled = acquireList(mask, settings);
+            fillFromRecording(record, frameNumber, settings.embeddedDataLine, *pooled);
+            ahead = std::move(pooled);
+            lock.lock();
+            continue;
+        }
+        const Clock::time_point deadline = last + mRecording->intervalBefore(record);
+        if (mWake.wait_until(lock, deadline, [this] { return mStopDelivery; })) continue;
+        mNextFrameNumber = frameNumber + 1;
+        handOver(std::move(ahead), lock);
+        // A player that fell behind goes on from now rather than rushing through the records.
+        const Clock::time_point now = Clock::now();
+        last = now - deadline > mRecording->intervalBefore(0) ? now : deadline;
+    }
+}
+
+void SimCamera::fillFromRecording(std::size_t record, std::uint32_t frameNumber, bool withLine,
+                                  SimFrameList& list) const {
+    const std::uint8_t* blocks = mRecording->blocks(record);
+    const std::uint8_t* line = withLine ? mRecording->line(record) : nullptr;
+    const auto lineBytes = static_cast<std::size_t>(mSource->device().width);
+    for (const auto& frame : list.frames()) {
+        // A point cloud's planes are the record's blocks in order; amplitude follows depth.
+        const std::size_t first = frame->frameType() == LumoraFrame::FRAME_AMPLITUDE ? 1 : 0;
+        std::memcpy(frame->mutableData(), blocks + first * mRecording->blockBytes(), frame->byteSize());
+        if (line == nullptr) {
+            frame->removeProperty(embedded_line_key());
+            continue;
+        }
+        auto property = std::dynamic_pointer_cast<SimProperty>(std::get<1>(frame->getProperty(embedded_line_key())));
+        if (!property || property->size() != lineBytes) {
+            property = SimProperty::makeBytes(embedded_line_key(), lineBytes);
+            frame->setProperty(property);
+        }
+        std::memcpy(property->mutableBytes(), line, lineBytes);
+    }
+    list.stamp(frameNumber, mRecording->timestamp(record));
+}
+
+Result SimCamera::recordingRefuses(const SceneSettings& settings) const {
+    if (!mRecording) return RESULT_SUCCESS;
+    const SceneSettings& now = mSettings;
+    if (settings.amplitudeThreshold != now.amplitudeThreshold || settings.fps != now.fps ||
+        settings.rangeMin != now.rangeMin || settings.rangeMax != now.rangeMax ||
+        settings.illumination != now.illumination || settings.basicDataType != now.basicDataType ||
+        settings.pointCloudDataType != now.pointCloudDataType) {
+        return RESULT_INVALID_OPERATION;
+    }
+    if (settings.embeddedDataLine && !mRecording->info().embeddedLines) return RESULT_NOT_SUPPORTED;
+    return RESULT_SUCCESS;
 }
 
 }  // namespace halden::sensor::sim

@@ -8,6 +8,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +17,7 @@
 #include <halden/sensor/LumoraSink.h>
 
 #include "DeviceConfig.h"
+#include "Recording.h"
 #include "Scene.h"
 #include "SerialExecutor.h"
 #include "SimFrame.h"
@@ -24,7 +26,9 @@ namespace halden::sensor::sim {
 
 class SimSource final : public LumoraSource {
 public:
-    SimSource(int number, DeviceConfig device);
+    // A device that renders its scene ("sim:N"), or, given what its file holds, one that
+    // plays a dump file ("replay:N", named as the file's camera, its size from the records).
+    SimSource(int number, DeviceConfig device, std::optional<RecordingInfo> recording = std::nullopt);
 
     std::string name() const override { return mDevice.model; }
     std::string serialNumber() const override { return mSerialNumber; }
@@ -32,22 +36,26 @@ public:
 
     int number() const { return mNumber; }
     const DeviceConfig& device() const { return mDevice; }
+    const std::optional<RecordingInfo>& recording() const { return mRecording; }
 
 private:
     int mNumber;
     DeviceConfig mDevice;
+    std::optional<RecordingInfo> mRecording;
     std::string mSerialNumber;
     std::string mUri;
 };
 
 class SimCamera final : public LumoraCamera {
 public:
-    explicit SimCamera(std::shared_ptr<SimSource> source);
+    // `recording` is the file a replay device plays, read by the caller; null for a device
+    // that renders its scene.
+    explicit SimCamera(std::shared_ptr<SimSource> source, std::shared_ptr<const Recording> recording = nullptr);
     ~SimCamera() override;
 
     State state() const override;
     std::shared_ptr<LumoraSource> source() const override { return mSource; }
-    int lensCount() const override { return static_cast<int>(mScene.lenses().size()); }
+    int lensCount() const override { return static_cast<int>(mLenses.size()); }
     Result getDistortionCoefficients(int lens, DistortionCoefficients& out) const override;
     Result getIntrinsicParameters(int lens, IntrinsicParameters& out) const override;
     Result getExtrinsicParameters(int lens, ExtrinsicParameters& out) const override;
@@ -77,6 +85,7 @@ public:
 
 private:
     Result usable() const;  // mMutex held
+    int firmwareVersion() const;
     bool onDeliveryThread() const { return std::this_thread::get_id() == mDeliveryId.load(); }
     std::vector<LumoraSink*> sinks() const;
     // Queue a callback to every sink (and, for the prepared state, first to every prepared
@@ -88,13 +97,24 @@ private:
     // With mControl held: stop if running, then release.
     void shutDownLocked(std::unique_lock<std::mutex>& control);
     void deliver();
+    void play();  // deliver() of a replay device
+    // Hands a list to every sink; mMutex held on entry and on return, not during the calls.
+    void handOver(std::shared_ptr<LumoraFrameList> list, std::unique_lock<std::mutex>& lock);
     std::shared_ptr<SimFrameList> acquireList(std::uint32_t mask, const SceneSettings& settings);
+    std::shared_ptr<SimFrameList> makeList(std::uint32_t mask, const SceneSettings& settings) const;
+    // Copies a record into a list made by makeList(), with its embedded line when wanted.
+    void fillFromRecording(std::size_t record, std::uint32_t frameNumber, bool withLine, SimFrameList& list) const;
+    // What a replay device refuses of new settings: anything but the embedded line, which it
+    // can only give when the file has them.
+    Result recordingRefuses(const SceneSettings& settings) const;
     std::uint64_t microsecondsSinceOpen(std::chrono::steady_clock::time_point when) const;
 
     const std::shared_ptr<SimSource> mSource;
     const ModelInfo mModel;
     const std::chrono::steady_clock::time_point mOpened;
-    Scene mScene;  // rendered on the delivery thread only; its calibration is read-only
+    const std::shared_ptr<const Recording> mRecording;  // null for a rendered device
+    const std::vector<LensCalibration> mLenses;
+    std::unique_ptr<Scene> mScene;  // rendered on the delivery thread only; null for a replay
 
     std::mutex mControl;  // serialises the life cycle; held while joining the delivery thread
 

@@ -63,7 +63,18 @@ private:
 
 constexpr std::uint32_t kBasicTypes = LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_AMPLITUDE;
 
+// Compares the library's own properties without copying their key.
+bool has_key(const LumoraProperty& property, const std::string& key) {
+    if (const auto* own = dynamic_cast<const SimProperty*>(&property)) return own->keyRef() == key;
+    return property.key() == key;
+}
+
 }  // namespace
+
+const std::string& embedded_line_key() {
+    static const std::string key = "embedded_data_line";
+    return key;
+}
 
 SimFrame::SimFrame(FrameType type, DataType dataType, int width, int height)
     : mType(type),
@@ -89,7 +100,7 @@ std::size_t SimFrame::planesOf(FrameType type) {
 
 std::tuple<Result, std::shared_ptr<LumoraProperty>> SimFrame::getProperty(const std::string& key) const {
     for (const auto& property : mProperties) {
-        if (property->key() == key) return {RESULT_SUCCESS, property};
+        if (has_key(*property, key)) return {RESULT_SUCCESS, property};
     }
     return {RESULT_NOT_FOUND, nullptr};
 }
@@ -111,7 +122,7 @@ void SimFrame::setProperty(std::shared_ptr<LumoraProperty> property) {
 
 void SimFrame::removeProperty(const std::string& key) {
     for (auto it = mProperties.begin(); it != mProperties.end(); ++it) {
-        if ((*it)->key() == key) {
+        if (has_key(**it, key)) {
             mProperties.erase(it);
             return;
         }

@@ -11,6 +11,10 @@
 
 namespace halden::sensor::sim {
 
+// The key of a frame's embedded data line, made once, so that a delivery that looks the
+// line up allocates nothing.
+const std::string& embedded_line_key();
+
 class SimFrame final : public LumoraFrame {
 public:
     // Allocates the planes, uninitialised. dataType is DATA_TYPE_UINT16 or DATA_TYPE_FLOAT32.

@@ -29,6 +29,8 @@ public:
     std::string toString() const override;
     std::shared_ptr<LumoraProperty> clone() const override;
     std::string key() const override { return mKey; }
+    // The key without a copy.
+    const std::string& keyRef() const { return mKey; }
 
     bool getBool(bool defaultValue) const override;
     std::int8_t getInt8(std::int8_t defaultValue) const override;

@@ -1,7 +1,8 @@
 // Controls of the simulated camera library that a real library does not have: frames made
 // by hand, frames and faults injected into a running camera, and a fresh device list.
 // Devices are also plugged and unplugged through set_property with the keys "sim_attach"
-// (an entry "MODEL[:WxH][@FPS]") and "sim_detach" (the N of the device's URI "sim:N").
+// (an entry "MODEL[:WxH][@FPS]", or "replay:PATH" for a dump file played as a camera) and
+// "sim_detach" (the N of the device's URI "sim:N" or "replay:N").
 #pragma once
 
 #include <cstdint>
