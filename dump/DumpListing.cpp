@@ -7,6 +7,7 @@
 
 #include <halden/sensor/Log.h>
 
+#include "DumpFile.h"
 #include "DumpFormat.h"
 #include "FrameDumpSink.h"
 
@@ -119,7 +120,7 @@ void inspect_dump(std::FILE* in, std::FILE* out) {
 
 void FrameDumpSink::inspectDumpFile(const std::string& path) {
     if (path.empty()) return;
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
+    const File file = open_file(path, "rb");
     if (!file) {
         halden::sensor::Log::e(LUMORA_LOG_TAG("FrameDumpSink"), "fail to open file!\n");
         return;

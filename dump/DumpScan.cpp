@@ -3,6 +3,8 @@
 #include <cinttypes>
 #include <cstring>
 
+#include "DumpFile.h"
+
 namespace lumora::dump {
 
 namespace {
@@ -14,9 +16,7 @@ std::string field_text(const char (&field)[N]) {
 
 std::string describe(const char* format, std::uint64_t a, std::uint64_t b = 0, std::uint64_t c = 0,
                      std::uint64_t d = 0) {
-    char line[200];
-    std::snprintf(line, sizeof line, format, a, b, c, d);
-    return line;
+    return format_line(format, a, b, c, d);
 }
 
 void stop(DumpLayout& layout, ScanProblem problem, std::uint64_t offset, std::string text) {

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "ColorMaps.h"
+#include "DumpFile.h"
 #include "DumpScan.h"
 #include "FrameConversion.h"
 #include "PngFile.h"
@@ -37,18 +38,6 @@ namespace hs = halden::sensor;
 namespace fs = std::filesystem;
 
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-template <typename... Args>
-std::string format(const char* pattern, Args... args) {
-    char line[512];
-    std::snprintf(line, sizeof line, pattern, args...);
-    return line;
-}
 
 // What the workers share. The layout, paths and range are fixed before they start.
 struct Job {
@@ -104,11 +93,11 @@ public:
 
 private:
     bool readFailed(std::size_t i) {
-        mJob.fail(format("record %zu of %s cannot be read", i, mJob.file.c_str()));
+        mJob.fail(dump::format_line("record %zu of %s cannot be read", i, mJob.file.c_str()));
         return false;
     }
     bool written(bool ok, const std::string& name) {
-        if (!ok) mJob.fail(format("cannot write %s", (mJob.directory / name).c_str()));
+        if (!ok) mJob.fail(dump::format_line("cannot write %s", (mJob.directory / name).c_str()));
         return ok;
     }
 
@@ -139,9 +128,9 @@ private:
         cloud.z = cloud.y + mElements;
         cloud.intensity = mMode == dump::DUMP_INTENSITY_POINTCLOUD ? cloud.z + mElements : nullptr;
         cloud.count = mElements;
-        const std::string comment = format("record %zu of %s, frame_index %u, timestamp %" PRIu64 ", %s", i,
-                                           fs::path(mJob.file).filename().c_str(), header.frame_index, header.timestamp,
-                                           mLayout.cameraName().c_str());
+        const std::string comment = dump::format_line("record %zu of %s, frame_index %u, timestamp %" PRIu64 ", %s", i,
+                                                      fs::path(mJob.file).filename().c_str(), header.frame_index,
+                                                      header.timestamp, mLayout.cameraName().c_str());
         return written(write_ply(mJob.directory / files.cloud, cloud, comment, mScratch).has_value(), files.cloud);
     }
 
@@ -160,9 +149,10 @@ private:
 };
 
 void work(Job& job) {
-    const File file(std::fopen(job.file.c_str(), "rb"));
+    const dump::File file = dump::open_file(job.file, "rb");
     if (!file) {
-        job.fail(format("cannot open %s: %s", job.file.c_str(), std::generic_category().message(errno).c_str()));
+        job.fail(
+            dump::format_line("cannot open %s: %s", job.file.c_str(), std::generic_category().message(errno).c_str()));
     } else {
         RecordWriter writer(job);
         while (!job.stop.load()) {
@@ -243,7 +233,7 @@ std::optional<RecordRange> parse_record_range(const std::string& text) {
 }
 
 RecordFiles record_files(std::size_t record, unsigned mode) {
-    const std::string stem = format("record_%04zu", record);
+    const std::string stem = dump::format_line("record_%04zu", record);
     RecordFiles files;
     if (mode <= dump::DUMP_DEPTH_AMPLITUDE) {
         files.depth = stem + "_depth.png";
@@ -258,7 +248,7 @@ RecordFiles record_files(std::size_t record, unsigned mode) {
 ExportStatus export_dump(const ExportOptions& options, std::FILE* err) {
     dump::DumpLayout layout;
     {
-        const File file(std::fopen(options.file.c_str(), "rb"));
+        const dump::File file = dump::open_file(options.file, "rb");
         if (!file) {
             std::fprintf(err, "lmr export: cannot open %s: %s\n", options.file.c_str(),
                          std::generic_category().message(errno).c_str());

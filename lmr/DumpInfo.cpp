@@ -6,6 +6,8 @@
 #include <memory>
 #include <system_error>
 
+#include "DumpFile.h"
+
 namespace lumora::lmr {
 
 namespace {
@@ -15,17 +17,6 @@ using dump::ScanProblem;
 
 // Beyond this many findings of one kind, the rest are counted, not listed.
 constexpr std::size_t kListed = 10;
-
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-template <typename... Args>
-std::string format(const char* pattern, Args... args) {
-    char line[512];
-    std::snprintf(line, sizeof line, pattern, args...);
-    return line;
-}
 
 const char* mode_name(std::uint32_t mode) {
     switch (mode) {
@@ -46,7 +37,8 @@ const char* mode_name(std::uint32_t mode) {
 void add_listed(std::vector<std::string>& findings, const std::vector<std::string>& found, const char* kind) {
     for (std::size_t i = 0; i < found.size() && i < kListed; ++i)
         findings.push_back(found[i]);
-    if (found.size() > kListed) findings.push_back(format("... and %zu more %s", found.size() - kListed, kind));
+    if (found.size() > kListed)
+        findings.push_back(dump::format_line("... and %zu more %s", found.size() - kListed, kind));
 }
 
 void check_indices(const DumpLayout& layout, Verification& result) {
@@ -59,10 +51,11 @@ void check_indices(const DumpLayout& layout, Verification& result) {
         if (skipped == 0) continue;
         result.skippedLists += skipped;
         if (i == 0)
-            gaps.push_back(format("record 0 has frame_index %u: %u lists skipped before it", index, skipped));
+            gaps.push_back(
+                dump::format_line("record 0 has frame_index %u: %u lists skipped before it", index, skipped));
         else
-            gaps.push_back(format("frame_index jumps from %u to %u at record %zu: %u lists skipped",
-                                  layout.records[i - 1].frame_index, index, i, skipped));
+            gaps.push_back(dump::format_line("frame_index jumps from %u to %u at record %zu: %u lists skipped",
+                                             layout.records[i - 1].frame_index, index, i, skipped));
     }
     add_listed(result.findings, gaps, "frame_index gaps");
 }
@@ -79,8 +72,8 @@ void check_timestamps(const DumpLayout& layout, Verification& result) {
         const std::uint64_t now = records[i].timestamp;
         const double interval = now >= before ? static_cast<double>(now - before) : -static_cast<double>(before - now);
         if (now <= before)
-            backwards.push_back(format("record %zu's timestamp %" PRIu64 " does not come after record %zu's %" PRIu64,
-                                       i, now, i - 1, before));
+            backwards.push_back(dump::format_line(
+                "record %zu's timestamp %" PRIu64 " does not come after record %zu's %" PRIu64, i, now, i - 1, before));
         intervals.smallest = i == 1 ? interval : std::min(intervals.smallest, interval);
         intervals.largest = i == 1 ? interval : std::max(intervals.largest, interval);
         sum += interval;
@@ -106,10 +99,10 @@ void check_end(const DumpLayout& layout, Verification& result) {
             return;
         case ScanProblem::kBadRecord:
         case ScanProblem::kRecordMismatch:
-            result.findings.push_back(layout.problemText + format("; the file cannot be read past byte %" PRIu64
-                                                                  " (%" PRIu64 " bytes after it not read)",
-                                                                  layout.problemOffset,
-                                                                  layout.fileBytes - layout.problemOffset));
+            result.findings.push_back(layout.problemText +
+                                      dump::format_line("; the file cannot be read past byte %" PRIu64 " (%" PRIu64
+                                                        " bytes after it not read)",
+                                                        layout.problemOffset, layout.fileBytes - layout.problemOffset));
             return;
     }
 }
@@ -164,11 +157,11 @@ Verification verify(const DumpLayout& layout) {
         return result;
     }
     if (result.found < result.announced)
-        result.findings.push_back(
-            format("%zu of the %zu announced records are missing", result.announced - result.found, result.announced));
+        result.findings.push_back(dump::format_line("%zu of the %zu announced records are missing",
+                                                    result.announced - result.found, result.announced));
     else if (result.found > result.announced)
-        result.findings.push_back(
-            format("%zu records more than the %zu announced", result.found - result.announced, result.announced));
+        result.findings.push_back(dump::format_line("%zu records more than the %zu announced",
+                                                    result.found - result.announced, result.announced));
     check_indices(layout, result);
     check_timestamps(layout, result);
     check_end(layout, result);
@@ -177,7 +170,7 @@ Verification verify(const DumpLayout& layout) {
 }
 
 InfoStatus print_info(const std::string& path, std::FILE* out, std::FILE* err) {
-    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
+    const dump::File file = dump::open_file(path, "rb");
     if (!file) {
         std::fprintf(err, "lmr info: cannot open %s: %s\n", path.c_str(),
                      std::generic_category().message(errno).c_str());

@@ -5,13 +5,11 @@
 #include <cstring>
 #include <memory>
 
+#include "DumpFile.h"
+
 namespace lumora::lmr {
 
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
 
 void append_float(std::string& out, float value) {
     char bytes[sizeof value];
@@ -44,7 +42,7 @@ std::optional<std::size_t> write_ply(const std::string& path, const CloudPlanes&
     if (withIntensity) header += "property float intensity\n";
     header += "end_header\n";
 
-    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "wb"));
+    dump::File file = dump::open_file(path, "wb");
     if (!file) return std::nullopt;
     if (std::fwrite(header.data(), 1, header.size(), file.get()) != header.size() ||
         std::fwrite(scratch.data(), 1, scratch.size(), file.get()) != scratch.size())

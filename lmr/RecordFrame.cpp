@@ -21,16 +21,7 @@ public:
     std::uint64_t timestamp() const override { return mTimestamp; }
     std::uint32_t frameNumber() const override { return 0; }
     std::size_t elementCount() const override { return static_cast<std::size_t>(mWidth) * mHeight; }
-    std::size_t planeCount() const override {
-        switch (mType) {
-            case FRAME_POINTCLOUD:
-                return 3;
-            case FRAME_INTENSITY_POINTCLOUD:
-                return 4;
-            default:
-                return 1;
-        }
-    }
+    std::size_t planeCount() const override { return 1; }
     const void* data() const override { return mData; }
     std::tuple<hs::Result, std::shared_ptr<hs::LumoraProperty>> getProperty(const std::string&) const override {
         return {hs::RESULT_NOT_FOUND, nullptr};

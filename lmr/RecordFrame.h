@@ -9,7 +9,7 @@
 
 namespace lumora::lmr {
 
-// A frame of `type` over `planes` planes of width x height elements of `dataType`
+// A depth or amplitude frame: one plane of width x height elements of `dataType`
 // (DATA_TYPE_UINT16 or DATA_TYPE_FLOAT32) at `data`. The frame does not own the data: the
 // caller keeps it alive and unchanged for as long as the frame or a view of it is used.
 // The frame carries no properties.

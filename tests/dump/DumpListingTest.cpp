@@ -2,6 +2,7 @@
 // built byte by byte here: every mode, and files that are odd, short or lie about their size.
 #include <fstream>
 
+#include "DumpFile.h"
 #include "DumpScan.h"
 #include "DumpTestSupport.h"
 #include "FrameDumpSink.h"
@@ -159,7 +160,7 @@ TEST_F(DumpListingTest, UnopenableAndEmptyPaths) {
 TEST_F(DumpListingTest, ScanFindsTheFirstProblem) {
     const auto scan = [](const FileBytes& file) {
         std::ofstream("in.lmr", std::ios::binary) << file.bytes();
-        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> in(std::fopen("in.lmr", "rb"), &std::fclose);
+        const File in = open_file("in.lmr", "rb");
         return scan_dump(in.get());
     };
     FileBytes whole;

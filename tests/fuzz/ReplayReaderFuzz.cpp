@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "DumpFile.h"
 #include "Recording.h"
 
 namespace {
@@ -18,11 +19,9 @@ namespace {
 // Keeps the reads of each input.
 volatile std::uint64_t gTouched = 0;
 
-using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+using File = lumora::dump::File;
 
-File open_bytes(std::vector<std::uint8_t>& bytes, std::size_t size) {
-    return {fmemopen(bytes.data(), size, "rb"), &std::fclose};
-}
+File open_bytes(std::vector<std::uint8_t>& bytes, std::size_t size) { return File(fmemopen(bytes.data(), size, "rb")); }
 
 }  // namespace
 

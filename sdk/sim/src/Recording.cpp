@@ -6,6 +6,7 @@
 
 #include <halden/sensor/LumoraFrame.h>
 
+#include "DumpFile.h"
 #include "DumpScan.h"
 
 namespace halden::sensor::sim {
@@ -55,13 +56,8 @@ std::optional<RecordingInfo> describe_layout(const dump::DumpLayout& layout, std
     return info;
 }
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-File open_file(const std::string& path, std::string& problem) {
-    File file(std::fopen(path.c_str(), "rb"));
+dump::File open_recording(const std::string& path, std::string& problem) {
+    dump::File file = dump::open_file(path, "rb");
     if (!file) {
         char text[128];
         problem = std::string("the file cannot be opened (") + strerror_r(errno, text, sizeof text) + ")";
@@ -91,7 +87,7 @@ std::optional<RecordingInfo> describe_recording(std::FILE* file, std::string& pr
 }
 
 std::optional<RecordingInfo> describe_recording(const std::string& path, std::string& problem) {
-    const File file = open_file(path, problem);
+    const dump::File file = open_recording(path, problem);
     return file ? describe_recording(file.get(), problem) : std::nullopt;
 }
 
@@ -135,7 +131,7 @@ std::shared_ptr<const Recording> Recording::read(std::FILE* file, std::string& p
 }
 
 std::shared_ptr<const Recording> Recording::load(const std::string& path, std::string& problem) {
-    const File file = open_file(path, problem);
+    const dump::File file = open_recording(path, problem);
     return file ? read(file.get(), problem) : nullptr;
 }
 

@@ -328,19 +328,15 @@ void Scene::writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::u
         frame.removeProperty(embedded_line_key());
         return;
     }
-    auto [result, existing] = frame.getProperty(embedded_line_key());
-    auto line = std::dynamic_pointer_cast<SimProperty>(existing);
-    if (result != RESULT_SUCCESS || !line || line->size() != static_cast<std::size_t>(mWidth)) {
-        line = SimProperty::makeBytes(embedded_line_key(), static_cast<std::size_t>(mWidth));
-        frame.setProperty(line);
-    }
+    const auto width = static_cast<std::size_t>(mWidth);
+    std::uint8_t* line = frame.embeddedLine(width);
     std::uint8_t record[EmbeddedLineLayout::kUsed] = {'L', 'M'};
     put_le(record + EmbeddedLineLayout::kFrameCounter, frameNumber, 4);
     put_le(record + EmbeddedLineLayout::kTimestamp, timestamp, 8);
     const auto centiDegrees = static_cast<std::int16_t>(std::lround(temperatureAt(frameNumber / settings.fps) * 100.0));
     put_le(record + EmbeddedLineLayout::kTemperature, static_cast<std::uint16_t>(centiDegrees), 2);
     put_le(record + EmbeddedLineLayout::kIntegrationTime, kIntegrationTimeUs, 2);
-    std::memcpy(line->mutableBytes(), record, std::min(sizeof record, line->size()));
+    std::memcpy(line, record, std::min(sizeof record, width));
 }
 
 std::shared_ptr<SimFrameList> Scene::makeList(std::uint32_t mask, const SceneSettings& settings, int width,

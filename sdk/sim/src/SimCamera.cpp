@@ -588,12 +588,7 @@ void SimCamera::fillFromRecording(std::size_t record, std::uint32_t frameNumber,
             frame->removeProperty(embedded_line_key());
             continue;
         }
-        auto property = std::dynamic_pointer_cast<SimProperty>(std::get<1>(frame->getProperty(embedded_line_key())));
-        if (!property || property->size() != lineBytes) {
-            property = SimProperty::makeBytes(embedded_line_key(), lineBytes);
-            frame->setProperty(property);
-        }
-        std::memcpy(property->mutableBytes(), line, lineBytes);
+        std::memcpy(frame->embeddedLine(lineBytes), line, lineBytes);
     }
     list.stamp(frameNumber, mRecording->timestamp(record));
 }

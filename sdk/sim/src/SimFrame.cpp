@@ -129,6 +129,15 @@ void SimFrame::removeProperty(const std::string& key) {
     }
 }
 
+std::uint8_t* SimFrame::embeddedLine(std::size_t bytes) {
+    auto line = std::dynamic_pointer_cast<SimProperty>(std::get<1>(getProperty(embedded_line_key())));
+    if (!line || line->size() != bytes) {
+        line = SimProperty::makeBytes(embedded_line_key(), bytes);
+        setProperty(line);
+    }
+    return line->mutableBytes();
+}
+
 bool SimFrame::unshared(const std::shared_ptr<SimFrame>& self) const {
     if (self.use_count() != 1) return false;
     for (const auto& property : mProperties) {

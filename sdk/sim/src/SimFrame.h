@@ -37,6 +37,9 @@ public:
     // Replaces the property with the same key, or adds it.
     void setProperty(std::shared_ptr<LumoraProperty> property);
     void removeProperty(const std::string& key);
+    // The writable bytes of the frame's embedded data line of `bytes` bytes: the line it holds
+    // when that has the length, else a new one (the only case that allocates).
+    std::uint8_t* embeddedLine(std::size_t bytes);
     const std::vector<std::shared_ptr<LumoraProperty>>& properties() const { return mProperties; }
     // True when nobody but the owner of `self` holds the frame or its properties.
     bool unshared(const std::shared_ptr<SimFrame>& self) const;
