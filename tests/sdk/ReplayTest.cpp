@@ -4,10 +4,9 @@
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <type_traits>
 #include <vector>
 
-#include "DumpFormat.h"
+#include "DumpWriter.h"
 #include "SimTestSupport.h"
 
 namespace halden::sensor::test {
@@ -39,31 +38,23 @@ struct DumpFile {
 
     std::string write(const std::string& name) const {
         std::string path = testing::TempDir() + name;
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        const dump::dump_header header{dump::kSyncByte, static_cast<std::uint8_t>(lines), 3, mode};
-        dump::source_descriptor source{dump::kSourceDescriptorTag, {}};
+        dump::DumpWriter out(path);
         dump::camera_descriptor camera{dump::kCameraDescriptorTag, 0x0205, {}, {}, {}};
-        dump::fill_text_field(source.source_type, "sim");
         dump::fill_text_field(camera.serial_number, "LM0042");
         dump::fill_text_field(camera.camera_name, "QRX200AP");
-        put(out, header);
-        put(out, source);
-        put(out, camera);
+        EXPECT_EQ(out.writeHead({dump::kSyncByte, static_cast<std::uint8_t>(lines), 3, mode},
+                                {dump::kSourceDescriptorTag, "sim"}, camera),
+                  RESULT_SUCCESS);
         for (std::size_t r = 0; r < kTimestamps.size(); ++r) {
-            put(out, dump::frame_header{static_cast<std::uint8_t>(r), kWidth, kHeight, dump::element_size(mode),
-                                        kTimestamps[r]});
-            if (lines) put(out, line(r));
-            put(out, blocks(r));
+            const auto lineBytes = line(r);
+            const auto blockBytes = blocks(r);
+            EXPECT_EQ(out.writeRecord(
+                          {static_cast<std::uint8_t>(r), kWidth, kHeight, dump::element_size(mode), kTimestamps[r]},
+                          lines ? dump::Bytes{lineBytes.data(), lineBytes.size()} : dump::Bytes{nullptr, 0},
+                          {{blockBytes.data(), blockBytes.size()}}),
+                      RESULT_SUCCESS);
         }
         return path;
-    }
-    template <typename T>
-    static void put(std::ofstream& out, const T& value) {
-        if constexpr (std::is_same_v<T, std::vector<std::uint8_t>>) {
-            out.write(reinterpret_cast<const char*>(value.data()), static_cast<std::streamsize>(value.size()));
-        } else {
-            out.write(reinterpret_cast<const char*>(&value), sizeof value);
-        }
     }
 };
 
