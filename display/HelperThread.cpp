@@ -1,15 +1,18 @@
-// Design note: the owning thread produces jobs, one at a time; the helper consumes them. A
-// job is offered under the mutex and the helper wakes; both then claim pieces from an atomic
-// counter. When the caller runs out of pieces it withdraws the offer under the mutex and, only
-// if the helper had taken it, waits until the helper has finished its last piece, so the job
-// (which lives on the caller's stack) is never touched after share() returns. Shutdown: the
-// destructor sets the stop flag under the mutex, wakes the helper and joins it; the helper
-// only ever waits between jobs.
+// Design note: the owning thread produces jobs, one at a time; the helper consumes them. The
+// caller writes the job and stores kOffered; the helper takes it by exchanging kOffered for
+// kTaken; both then claim pieces from an atomic counter. When the caller runs out of pieces
+// it exchanges kOffered back for kIdle: if that fails the helper has taken the job, and the
+// caller waits (watching, not sleeping) for kDone, so the job, which lives on the caller's
+// stack, is never touched after share() returns. Between jobs the helper watches the state for
+// kWatch, then sleeps on the condition variable; the caller, having stored kOffered, wakes it
+// only if it has said it sleeps. Shutdown: the destructor sets the stop flag, wakes the helper
+// and joins it; the helper only ever watches or sleeps between jobs.
 #include "HelperThread.h"
 
 #include <algorithm>
 #include <chrono>
 #include <system_error>
+#include <thread>
 
 namespace lumora::display {
 
@@ -19,18 +22,29 @@ namespace {
 // to notice soon when the other core is free again, rarely enough that a busy machine pays
 // the wake-up on few jobs.
 constexpr int kAloneJobs = 15;
+// Longer than the gaps between the conversions of one list; at 30 lists a second, at most
+// 3% of a core that nothing else wants.
+constexpr std::chrono::microseconds kWatch{1000};
 
 using Clock = std::chrono::steady_clock;
+
+// Watches `ready` for at most `limit`, yielding the core between looks; returns its last answer.
+template <typename Ready>
+bool watchFor(std::chrono::microseconds limit, const Ready& ready) {
+    const auto until = Clock::now() + limit;
+    while (!ready()) {
+        if (Clock::now() >= until) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
 
 }  // namespace
 
 HelperThread::~HelperThread() {
     if (!mThread.joinable()) return;
-    {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mStop = true;
-    }
-    mWake.notify_one();
+    mStop = true;
+    wake();
     mThread.join();
 }
 
@@ -50,25 +64,29 @@ void HelperThread::share(std::size_t count, std::size_t piece, const Work& work)
             work(begin, std::min(count, begin + piece));
         return;
     }
+    mWork = &work;
+    mCount = count;
+    mPiece = piece;
     mNext.store(0, std::memory_order_relaxed);
-    {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mWork = &work;
-        mCount = count;
-        mPiece = piece;
-        mHelped = 0;
-        mOffered = true;
-    }
-    mWake.notify_one();
+    mState.store(kOffered);
+    // Sequentially consistent with the helper's own store and look: either it sees the offer
+    // before it sleeps, or this sees that it sleeps.
+    if (mSleeping) wake();
     const auto start = Clock::now();
     const std::size_t mine = claim(work, count, piece);
     const auto claimed = Clock::now();
-    std::unique_lock<std::mutex> lock(mMutex);
-    mOffered = false;
-    mDone.wait(lock, [this] { return !mBusy; });
+    State offered = kOffered;
+    std::size_t helped = 0;
+    if (!mState.compare_exchange_strong(offered, kIdle)) {
+        // Its last piece at most, unless it lost its core in the middle of it.
+        while (!watchFor(kWatch, [this] { return mState.load(std::memory_order_acquire) == kDone; }))
+            std::this_thread::sleep_for(kWatch / 10);
+        helped = mHelped;
+        mState.store(kIdle, std::memory_order_relaxed);
+    }
     // Waiting longer than two of its own pieces took means the helper lost its core mid-piece.
     const bool heldUp = mine > 0 && (Clock::now() - claimed) * mine > 2 * (claimed - start);
-    if (mine == 0 || mHelped == 0 || heldUp) mAloneFor = kAloneJobs;
+    if (mine == 0 || helped == 0 || heldUp) mAloneFor = kAloneJobs;
 }
 
 std::size_t HelperThread::claim(const Work& work, std::size_t count, std::size_t piece) {
@@ -81,22 +99,27 @@ std::size_t HelperThread::claim(const Work& work, std::size_t count, std::size_t
     }
 }
 
+void HelperThread::wake() {
+    // Taking the mutex once makes sure the helper is not between its last look and its sleep.
+    mMutex.lock();
+    mMutex.unlock();
+    mWake.notify_one();
+}
+
 void HelperThread::serve() {
-    std::unique_lock<std::mutex> lock(mMutex);
+    const auto offered = [this] { return mStop || mState == kOffered; };
     for (;;) {
-        mWake.wait(lock, [this] { return mStop || mOffered; });
+        if (!watchFor(kWatch, offered)) {
+            std::unique_lock<std::mutex> lock(mMutex);
+            mSleeping = true;
+            mWake.wait(lock, offered);
+            mSleeping = false;
+        }
         if (mStop) return;
-        mOffered = false;
-        mBusy = true;
-        const Work& work = *mWork;
-        const std::size_t count = mCount;
-        const std::size_t piece = mPiece;
-        lock.unlock();
-        const std::size_t ran = claim(work, count, piece);
-        lock.lock();
-        mHelped = ran;
-        mBusy = false;
-        mDone.notify_one();
+        State expected = kOffered;
+        if (!mState.compare_exchange_strong(expected, kTaken)) continue;
+        mHelped = claim(*mWork, mCount, mPiece);
+        mState.store(kDone, std::memory_order_release);
     }
 }
 

@@ -8,6 +8,13 @@
 // lost its core in the middle of a piece and held the caller up) tells that the other core
 // is busy: the next jobs then run on the caller alone, without the wake-up, until one of
 // them tries the helper again.
+//
+// Waking a sleeping thread can cost as much as a whole job (a virtual machine's idle core
+// takes tens of microseconds to come back). So the two hand a job over through one atomic
+// state and never sleep on each other inside a job, and after each job the helper keeps
+// watching for the next one for a short while, yielding its core to any other thread that
+// wants it, before it sleeps: jobs that follow each other closely (the frames of one list)
+// find it awake.
 #pragma once
 
 #include <atomic>
@@ -38,26 +45,34 @@ public:
     void share(std::size_t count, std::size_t piece, const Work& work);
 
 private:
+    // The hand-over: the caller offers (kOffered), the helper takes (kTaken) and finishes
+    // (kDone), the caller withdraws an offer not taken or ends a finished job (kIdle).
+    enum State { kIdle, kOffered, kTaken, kDone };
+
     void serve();
+    // Wakes the helper if it sleeps, or is about to, on mWake.
+    void wake();
     // Claims and runs pieces until none are left; returns how many it ran.
     std::size_t claim(const Work& work, std::size_t count, std::size_t piece);
 
-    std::mutex mMutex;
-    std::condition_variable mWake;
-    std::condition_variable mDone;
-    // Guarded by mMutex: the job on offer, whether it still is, whether the helper is in it.
+    // The job on offer: written by the caller before it offers, read by the helper after it
+    // has taken the job.
     const Work* mWork = nullptr;
     std::size_t mCount = 0;
     std::size_t mPiece = 1;
-    bool mOffered = false;
-    bool mBusy = false;
-    bool mStop = false;
+    // Written by the helper before it reports kDone.
     std::size_t mHelped = 0;
+    std::atomic<State> mState{kIdle};
+    // The next unclaimed position of the current job.
+    std::atomic<std::size_t> mNext{0};
+    std::atomic<bool> mStop{false};
+    // Set by the helper, under the mutex, while it sleeps on mWake.
+    std::atomic<bool> mSleeping{false};
+    std::mutex mMutex;
+    std::condition_variable mWake;
     // Owning thread only.
     bool mTried = false;
     int mAloneFor = 0;
-    // The next unclaimed position of the current job.
-    std::atomic<std::size_t> mNext{0};
     std::thread mThread;
 };
 
