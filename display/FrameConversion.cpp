@@ -42,14 +42,14 @@ constexpr std::size_t kSplitPixels = 65536;
 constexpr std::size_t kPiecePoints = 16384;
 constexpr std::size_t kPiecePixels = 32768;
 
-// Float samples read as the nearest integer within the 16-bit range, without libm; NaN
-// fails both comparisons and reads 0.
+// Float samples read as the nearest integer within the 16-bit range, halves up, without
+// libm. Anything below 0.5 (NaN and negatives too: they fail the comparison) reads 0; from
+// 0.5 on, v + 0.5 truncated is the same half-up rounding, as the sum is exact or rounds
+// within the same integer there. 0.5 minus an ulp, whose sum would round up to 1, is below
+// the cut. The vector forms below follow this rule lane by lane.
 inline std::uint16_t toSample(float value) {
-    value = value > 0.0F ? value : 0.0F;
-    value = value < 65535.0F ? value : 65535.0F;
-    // Half up: the value is not negative here.
-    const auto whole = static_cast<std::int32_t>(value);
-    return static_cast<std::uint16_t>(whole + (value - static_cast<float>(whole) >= 0.5F ? 1 : 0));
+    value = value > 65535.0F ? 65535.0F : value;
+    return value >= 0.5F ? static_cast<std::uint16_t>(static_cast<std::int32_t>(value + 0.5F)) : 0;
 }
 
 inline std::uint32_t colourOf(const DepthColourTable& colours, std::uint16_t depth) {
@@ -79,10 +79,7 @@ const std::uint16_t* samplesOf(const std::uint16_t* source, const int* columns, 
     return scratch;
 }
 #if CV_SIMD128
-// toSample on four floats. Anything below 0.5 (NaN and negatives too: they fail the
-// comparison) reads 0; from 0.5 on, v + 0.5 truncated is the same half-up rounding, as the
-// sum is exact or rounds within the same integer there. 0.5 minus an ulp, whose sum would
-// round up to 1, is below the cut.
+// toSample on four floats.
 inline cv::v_int32x4 toSamples4(cv::v_float32x4 value) {
     const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
     value = cv::v_min(value & (value >= half), cv::v_setall_f32(65535.0F));
@@ -92,7 +89,7 @@ inline cv::v_int32x4 toSamples4(cv::v_float32x4 value) {
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #define LUMORA_WIDE_SAMPLES 1
-// toSamples4's rule sixteen at a time, for processors with 512-bit vectors: a float row's
+// toSample sixteen at a time, for processors with 512-bit vectors: a float row's
 // conversion is a third of its time, and reading the floats bounds it. The minimum keeps a
 // NaN (it is the second operand), which then fails the comparison and reads 0.
 __attribute__((target("avx512f,avx512bw"))) void toSamplesWide(const float* source, int n, std::uint16_t* out) {
