@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -11,11 +12,14 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include <halden/sensor/Lumora.h>
 
 #include "FrameConversion.h"
 #include "FramerateChecker.h"
+#include "Publisher.h"
 #include "Queue.h"
 
 namespace lumora::display {
@@ -59,6 +63,10 @@ public:
     // (width, height).
     std::pair<int, int> displayResolution() const;
 
+    // Before the first run. While `publisher` wants pictures, the render thread converts every
+    // list, with the windows or without, and publishes the pictures to it. Not owned.
+    void setPublisher(web::Publisher* publisher) { mPublisher.store(publisher); }
+
     // Lists drawn (or read out) and lists dropped at the queue since construction.
     std::uint64_t drawnLists() const { return mDrawn.load(); }
     std::uint64_t droppedLists() const { return mDropped.load(); }
@@ -72,14 +80,20 @@ private:
         std::atomic<int> mouseX{0};
         std::string name;
     };
-    using Item = std::tuple<halden::sensor::LumoraSource*, std::shared_ptr<halden::sensor::LumoraFrameList>>;
+    // The source, the list and when the library delivered it.
+    using Item = std::tuple<halden::sensor::LumoraSource*, std::shared_ptr<halden::sensor::LumoraFrameList>,
+                            std::chrono::steady_clock::time_point>;
+    // A converted picture and the key of the window it is for.
+    using Converted = std::vector<std::pair<int, WindowImage>>;
 
     static void onMouse(int event, int x, int y, int flags, void* userData);
     void renderLoop(const Projection& projection);
     void stopRenderThread();
     void closeWindows(bool clearTable);
     void createWindows(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
-    void drawList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, const Projection& projection);
+    Converted convertList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, const Projection& projection);
+    void drawList(const Item& item, const Projection& projection, web::Publisher* publisher);
+    void publish(const Item& item, const Converted& pictures, web::Publisher& publisher);
     void readOutOnConsole(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
     std::string fpsText();
     cv::Size shownSize(const std::shared_ptr<halden::sensor::LumoraFrame>& frame) const;
@@ -99,6 +113,7 @@ private:
     // copy when it starts.
     std::mutex mProjectionMutex;
     std::unique_ptr<Projection> mProjection;
+    std::atomic<web::Publisher*> mPublisher{nullptr};
     std::atomic<std::uint64_t> mDrawn{0};
     std::atomic<std::uint64_t> mDropped{0};
     std::thread mRenderThread;

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <boost/asio/ip/address.hpp>
+
 #include <halden/sensor/Log.h>
 
 #include "PageAssets.h"
@@ -129,14 +131,22 @@ WebView::WebView() : mServer(std::string(pageHtml())) {}
 
 WebView::~WebView() { stop(); }
 
-std::string WebView::start(const std::string& address, unsigned short port) {
+bool WebView::setBind(const std::string& address) {
+    boost::system::error_code error;
+    boost::asio::ip::make_address(address, error);
+    if (error) return false;
+    mBind = address;
+    return true;
+}
+
+std::string WebView::start() {
     stop();
     const std::string token = makeToken();
     if (token.empty()) return "no random token could be made";
-    const std::string failure = mServer.start(address, port, token);
+    const std::string failure = mServer.start(mBind, mPort, token);
     if (!failure.empty()) return failure;
-    const bool ipv6 = address.find(':') != std::string::npos;
-    mUrl = "http://" + (ipv6 ? "[" + address + "]" : address) + ":" + std::to_string(port) + "/?token=" + token;
+    const bool ipv6 = mBind.find(':') != std::string::npos;
+    mUrl = "http://" + (ipv6 ? "[" + mBind + "]" : mBind) + ":" + std::to_string(mPort) + "/?token=" + token;
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         mStopping = false;
@@ -179,6 +189,7 @@ void WebView::publish(Snapshot snapshot) {
 }
 
 void WebView::encodeLoop() {
+    PictureEncoder encoder;
     for (;;) {
         Snapshot snapshot;
         {
@@ -188,12 +199,11 @@ void WebView::encodeLoop() {
             snapshot = std::move(*mPending);
             mPending.reset();
         }
-        if (mServer.watchers() > 0) encode(snapshot);
+        if (mServer.watchers() > 0) encode(snapshot, encoder);
     }
 }
 
-void WebView::encode(const Snapshot& snapshot) {
-    thread_local PictureEncoder encoder;
+void WebView::encode(const Snapshot& snapshot, PictureEncoder& encoder) {
     auto message = std::make_shared<Broadcast>();
     message->sequence = ++mSequence;
     message->delivered = snapshot.delivered;

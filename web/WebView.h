@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "PictureEncoder.h"
 #include "Publisher.h"
 #include "Server.h"
 
@@ -30,9 +31,16 @@ public:
     WebView(const WebView&) = delete;
     WebView& operator=(const WebView&) = delete;
 
-    // Shell thread. Serves on address:port with a new token (a view already serving is
+    // Shell thread. Where the next start() listens: an IPv4 or IPv6 address (false, and
+    // nothing changed, for a text that is none) and a port.
+    bool setBind(const std::string& address);
+    const std::string& bind() const { return mBind; }
+    void setPort(unsigned short port) { mPort = port; }
+    unsigned short port() const { return mPort; }
+
+    // Shell thread. Serves on bind():port() with a new token (a view already serving is
     // stopped first). Empty on success, else one line saying why.
-    std::string start(const std::string& address, unsigned short port);
+    std::string start();
     // Shell thread. Closes every connection and the port, ends the threads and logs the
     // serving's figures. Nothing when not serving.
     void stop();
@@ -46,9 +54,11 @@ public:
 
 private:
     void encodeLoop();
-    void encode(const Snapshot& snapshot);
+    void encode(const Snapshot& snapshot, PictureEncoder& encoder);
 
     Server mServer;
+    std::string mBind = kDefaultBind;
+    unsigned short mPort = kDefaultPort;
     std::string mUrl;
     std::mutex mMutex;
     std::condition_variable mWake;
