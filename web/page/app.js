@@ -4,7 +4,7 @@
   const NAMES = { 1: "Depth", 2: "Amplitude", 3: "PCL-Depth", 4: "IPCL-Depth", 5: "IPCL-Amplitude" };
   const HEADER = 24;
   // Figures the tests and the benchmark read through the browser's debugging protocol.
-  const stats = { pictures: {}, decodeMs: [], bytes: 0, closed: null, readout: null, shown: {} };
+  const stats = { pictures: {}, decodeMs: [], bytes: 0, closed: null, readout: null, shown: {}, lastPng: {} };
   window.lumora = stats;
 
   const statusLine = document.getElementById("status");
@@ -60,6 +60,7 @@
       bitmap.close();
       v.sequence = head.sequence;
       stats.shown[v.id] = { sequence: head.sequence, timestamp: head.timestamp };
+      if (head.format === 1) stats.lastPng[v.id] = { timestamp: head.timestamp, blob };
       if (v.point) marker(v);
       stats.decodeMs.push(performance.now() - received);
       if (stats.decodeMs.length > 10000) stats.decodeMs.shift();
