@@ -157,7 +157,7 @@ private:
         if (error || mState.stopping) return;
         if (mState.joined.size() >= static_cast<std::size_t>(Server::kMaxWatchers)) {
             ++mState.stats.watchersRefused;
-            mSocket.async_close(websocket::close_reason(websocket::close_code::try_again_later,
+            mSocket.async_close(websocket::close_reason(websocket::close_code::policy_error,
                                                         "at most 8 watchers: this one is closed"),
                                 [self = shared_from_this()](beast::error_code) {});
             return;
