@@ -263,8 +263,8 @@ void OpenCVVideoRendererSink::createWindows(const std::shared_ptr<hs::LumoraFram
     mWindowsCreated.store(created);
 }
 
-OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(const std::shared_ptr<hs::LumoraFrameList>& list,
-                                                                     const Projection& projection) {
+OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(
+    const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection) {
     Converted converted;
     const auto pointOf = [this](int key) {
         const RenderWindow* entry = window(key);
@@ -301,12 +301,14 @@ OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(const st
     return converted;
 }
 
-void OpenCVVideoRendererSink::publish(const Item& item, const Converted& pictures, web::Publisher& publisher) {
+void OpenCVVideoRendererSink::publish(const Item& item, const Converted& pictures, bool drawnNext,
+                                      web::Publisher& publisher) {
     web::Snapshot snapshot;
     const auto& [source, list, delivered] = item;
-    // The windows' images get their markers drawn next: the web view keeps copies.
+    // Images that get their markers drawn next go to the web view as copies.
     for (const auto& [key, picture] : pictures)
-        if (!picture.image.empty()) snapshot.pictures.push_back({key, picture.image.clone()});
+        if (!picture.image.empty())
+            snapshot.pictures.push_back({key, drawnNext ? picture.image.clone() : picture.image});
     snapshot.list = list;
     snapshot.delivered = delivered;
     if (source != nullptr) {
@@ -341,7 +343,7 @@ void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& proje
 
     if (RenderWindow* entry = window(kFramerate)) shown.push_back({entry, {framerateImage(fpsText()), {}, {}}});
     Converted converted = convertList(std::get<1>(item), projection);
-    if (publisher != nullptr) publish(item, converted, *publisher);
+    if (publisher != nullptr) publish(item, converted, true, *publisher);
     for (auto& [key, picture] : converted)
         shown.push_back({window(key), std::move(picture)});
 
@@ -387,7 +389,7 @@ void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
                            [] { std::printf("\rno display found: the frames are read out on the console\n\r"); });
         if (!display || !displayAvailable()) {
             if (!display) closeWindows(false);
-            if (publisher != nullptr) publish(item, convertList(list, projection), *publisher);
+            if (publisher != nullptr) publish(item, convertList(list, projection), false, *publisher);
             readOutOnConsole(list);
             continue;
         }

@@ -93,7 +93,8 @@ private:
     void createWindows(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
     Converted convertList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, const Projection& projection);
     void drawList(const Item& item, const Projection& projection, web::Publisher* publisher);
-    void publish(const Item& item, const Converted& pictures, web::Publisher& publisher);
+    // `drawnNext`: the images are drawn on afterwards, so the publisher gets copies.
+    void publish(const Item& item, const Converted& pictures, bool drawnNext, web::Publisher& publisher);
     void readOutOnConsole(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
     std::string fpsText();
     cv::Size shownSize(const std::shared_ptr<halden::sensor::LumoraFrame>& frame) const;

@@ -20,10 +20,9 @@ bool PictureEncoder::jpeg(const cv::Mat& image, int quality, std::string& out) {
     if (channels != 1 && channels != 3) return false;
     unsigned char* buffer = nullptr;
     unsigned long size = 0;
-    const int failed =
-        tjCompress2(static_cast<tjhandle>(mHandle), image.data, image.cols, static_cast<int>(image.step[0]), image.rows,
-                    channels == 3 ? TJPF_BGR : TJPF_GRAY, &buffer, &size, channels == 3 ? TJSAMP_420 : TJSAMP_GRAY,
-                    quality, TJFLAG_FASTDCT);
+    const int failed = tjCompress2(static_cast<tjhandle>(mHandle), image.data, image.cols,
+                                   static_cast<int>(image.step[0]), image.rows, channels == 3 ? TJPF_BGR : TJPF_GRAY,
+                                   &buffer, &size, channels == 3 ? TJSAMP_420 : TJSAMP_GRAY, quality, TJFLAG_FASTDCT);
     if (failed == 0) out.append(reinterpret_cast<const char*>(buffer), size);
     tjFree(buffer);
     return failed == 0;

@@ -47,7 +47,8 @@ std::optional<Readout> readValue(const std::shared_ptr<hs::LumoraFrameList>& lis
             break;
         case kPointCloud:
         case kIntensityDepth:
-            type = view == kPointCloud ? hs::LumoraFrame::FRAME_POINTCLOUD : hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
+            type =
+                view == kPointCloud ? hs::LumoraFrame::FRAME_POINTCLOUD : hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
             plane = 2;
             letter = 'z';
             break;
@@ -60,8 +61,7 @@ std::optional<Readout> readValue(const std::shared_ptr<hs::LumoraFrameList>& lis
             return std::nullopt;
     }
     const auto frame = hs::find_frame(list, type);
-    if (!frame || frame->width() <= 0 || frame->height() <= 0 ||
-        static_cast<std::size_t>(plane) >= frame->planeCount())
+    if (!frame || frame->width() <= 0 || frame->height() <= 0 || static_cast<std::size_t>(plane) >= frame->planeCount())
         return std::nullopt;
     Readout readout;
     // The picture is the frame scaled down by nearest neighbour: the same mapping back.

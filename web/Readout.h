@@ -12,7 +12,14 @@
 namespace lumora::web {
 
 // The picture kinds, numbered as the display windows are keyed.
-enum View : int { kFramerate = 0, kDepth = 1, kAmplitude = 2, kPointCloud = 3, kIntensityDepth = 4, kIntensityAmplitude = 5 };
+enum View : int {
+    kFramerate = 0,
+    kDepth = 1,
+    kAmplitude = 2,
+    kPointCloud = 3,
+    kIntensityDepth = 4,
+    kIntensityAmplitude = 5
+};
 
 struct Readout {
     int column = 0;

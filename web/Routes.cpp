@@ -51,8 +51,8 @@ std::optional<Target> parseTarget(std::string_view target) {
 Decision decide(std::string_view target, std::string_view token) {
     const auto parsed = parseTarget(target);
     if (!parsed || !sameToken(parsed->token, token)) return {403, Route::Page};
-    const auto found =
-        std::find_if(kRoutes.begin(), kRoutes.end(), [&](const RouteEntry& entry) { return entry.path == parsed->path; });
+    const auto found = std::find_if(kRoutes.begin(), kRoutes.end(),
+                                    [&](const RouteEntry& entry) { return entry.path == parsed->path; });
     if (found == kRoutes.end()) return {404, Route::Page};
     return {200, found->route};
 }

@@ -106,10 +106,11 @@ std::string readoutJson(int view, const std::optional<Readout>& readout) {
     if (!readout) {
         std::snprintf(text, sizeof text, R"({"type":"readout","view":%d,"none":true})", view);
     } else {
-        std::snprintf(text, sizeof text,
-                      R"({"type":"readout","view":%d,"x":%d,"y":%d,"letter":"%c","value":%d,"timestamp":%llu,"text":"%s"})",
-                      view, readout->column, readout->row, readout->letter, readout->value,
-                      static_cast<unsigned long long>(readout->timestamp), readout->text.c_str());
+        std::snprintf(
+            text, sizeof text,
+            R"({"type":"readout","view":%d,"x":%d,"y":%d,"letter":"%c","value":%d,"timestamp":%llu,"text":"%s"})", view,
+            readout->column, readout->row, readout->letter, readout->value,
+            static_cast<unsigned long long>(readout->timestamp), readout->text.c_str());
     }
     return text;
 }
@@ -136,7 +137,8 @@ public:
         beast::get_lowest_layer(mSocket).socket().close(ignored);
     }
 
-    void offer(int slot, std::shared_ptr<const std::string> bytes, bool binary, std::optional<Clock::time_point> delivered) {
+    void offer(int slot, std::shared_ptr<const std::string> bytes, bool binary,
+               std::optional<Clock::time_point> delivered) {
         Pending& pending = mPending[static_cast<std::size_t>(slot)];
         if (pending.bytes) ++mState.stats.messagesDropped;
         pending = {std::move(bytes), binary, delivered};
@@ -157,9 +159,9 @@ private:
         if (error || mState.stopping) return;
         if (mState.joined.size() >= static_cast<std::size_t>(Server::kMaxWatchers)) {
             ++mState.stats.watchersRefused;
-            mSocket.async_close(websocket::close_reason(websocket::close_code::policy_error,
-                                                        "at most 8 watchers: this one is closed"),
-                                [self = shared_from_this()](beast::error_code) {});
+            mSocket.async_close(
+                websocket::close_reason(websocket::close_code::policy_error, "at most 8 watchers: this one is closed"),
+                [self = shared_from_this()](beast::error_code) {});
             return;
         }
         mState.joined.insert(shared_from_this());
@@ -169,9 +171,8 @@ private:
     }
 
     void read() {
-        mSocket.async_read(mInput, [self = shared_from_this()](beast::error_code error, std::size_t) {
-            self->onRead(error);
-        });
+        mSocket.async_read(mInput,
+                           [self = shared_from_this()](beast::error_code error, std::size_t) { self->onRead(error); });
     }
 
     void onRead(beast::error_code error) {
@@ -285,9 +286,8 @@ public:
         mParser->header_limit(kHeaderLimit);
         mParser->body_limit(0);
         mStream.expires_after(kRequestTimeout);
-        http::async_read(mStream, mBuffer, *mParser, [self = shared_from_this()](beast::error_code error, std::size_t) {
-            self->onRead(error);
-        });
+        http::async_read(mStream, mBuffer, *mParser,
+                         [self = shared_from_this()](beast::error_code error, std::size_t) { self->onRead(error); });
     }
 
     void close() {
@@ -437,6 +437,5 @@ void Server::broadcast(std::shared_ptr<const Broadcast> message) {
     State& state = *mState;
     asio::post(*state.io, [&state, message = std::move(message)] { deliver(state, message); });
 }
-
 
 }  // namespace lumora::web

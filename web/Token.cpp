@@ -31,7 +31,8 @@ bool sameToken(std::string_view given, std::string_view expected) {
     if (expected.empty() || given.size() != expected.size()) return false;
     unsigned difference = 0;
     for (std::size_t i = 0; i < expected.size(); ++i)
-        difference |= static_cast<unsigned>(static_cast<unsigned char>(given[i]) ^ static_cast<unsigned char>(expected[i]));
+        difference |=
+            static_cast<unsigned>(static_cast<unsigned char>(given[i]) ^ static_cast<unsigned char>(expected[i]));
     return difference == 0;
 }
 

@@ -80,7 +80,8 @@ std::string statusJson(const Status& status, std::uint32_t sequence, std::uint64
     std::snprintf(numbers, sizeof numbers,
                   R"("mask":%u,"width":%d,"height":%d,"drawn":%llu,"dropped":%llu,"sequence":%u,"timestamp":%llu)",
                   status.mask, status.width, status.height, static_cast<unsigned long long>(status.drawn),
-                  static_cast<unsigned long long>(status.dropped), sequence, static_cast<unsigned long long>(timestamp));
+                  static_cast<unsigned long long>(status.dropped), sequence,
+                  static_cast<unsigned long long>(timestamp));
     return R"({"type":"status","camera":)" + jsonString(status.camera) + R"(,"serial":)" + jsonString(status.serial) +
            R"(,"fps":)" + jsonString(status.fpsText) + "," + numbers + "}";
 }
@@ -171,8 +172,7 @@ void WebView::stop() {
                "web view: %llu messages sent, %llu dropped for slow watchers, %llu bytes, %llu watchers refused; "
                "delivery to socket p50 %.1f ms p99 %.1f ms, to decoded in the page p50 %.1f ms p99 %.1f ms",
                static_cast<unsigned long long>(stats.messagesSent),
-               static_cast<unsigned long long>(stats.messagesDropped),
-               static_cast<unsigned long long>(stats.bytesSent),
+               static_cast<unsigned long long>(stats.messagesDropped), static_cast<unsigned long long>(stats.bytesSent),
                static_cast<unsigned long long>(stats.watchersRefused), stats.handOffP50, stats.handOffP99,
                stats.decodedP50, stats.decodedP99);
 }
@@ -229,10 +229,11 @@ void WebView::encode(const Snapshot& snapshot, PictureEncoder& encoder) {
     const auto now = Clock::now();
     if (mServer.cloudWanted() && snapshot.list && now - mLastCloud >= kCloudInterval) {
         mLastCloud = now;
-        message->jpeg[kCloudSlot] =
-            cloudMessage(hs::find_frame(snapshot.list, hs::LumoraFrame::FRAME_POINTCLOUD), kPointCloud, message->sequence);
-        message->jpeg[kIntensityCloudSlot] = cloudMessage(
-            hs::find_frame(snapshot.list, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD), kIntensityDepth, message->sequence);
+        message->jpeg[kCloudSlot] = cloudMessage(hs::find_frame(snapshot.list, hs::LumoraFrame::FRAME_POINTCLOUD),
+                                                 kPointCloud, message->sequence);
+        message->jpeg[kIntensityCloudSlot] =
+            cloudMessage(hs::find_frame(snapshot.list, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD), kIntensityDepth,
+                         message->sequence);
     }
     mServer.broadcast(std::move(message));
 }

@@ -36,10 +36,12 @@ TEST(Routes, OnlyThePagesRoutesWithTheTokenAreServed) {
     EXPECT_EQ(decide("/ws?token=" + kToken + "/", kToken).status, 403);
 
     // Anything without the right token is refused whatever the path, also when malformed.
-    for (const std::string& target : std::vector<std::string>{"/", "/ws", "/etc/passwd", "/?token=", "/?token=0123456789abcdef0123456789abcdee", "/?token=" + kToken + "0",
-          "/?token=" + kToken + "&token=" + kToken, "/?token=" + kToken + "&debug=1", "/?token=" + kToken + "&png=2",
-          "?token=" + kToken, "/a b?token=" + kToken, "/?token=" + kToken + std::string(1, '\x01'),
-          "/" + std::string(kMaxTargetLength, 'a') + "?token=" + kToken})
+    for (const std::string& target :
+         std::vector<std::string>{"/", "/ws", "/etc/passwd", "/?token=", "/?token=0123456789abcdef0123456789abcdee",
+                                  "/?token=" + kToken + "0", "/?token=" + kToken + "&token=" + kToken,
+                                  "/?token=" + kToken + "&debug=1", "/?token=" + kToken + "&png=2", "?token=" + kToken,
+                                  "/a b?token=" + kToken, "/?token=" + kToken + std::string(1, '\x01'),
+                                  "/" + std::string(kMaxTargetLength, 'a') + "?token=" + kToken})
         EXPECT_EQ(decide(target, kToken).status, 403) << target;
     EXPECT_EQ(decide("/?token=", "").status, 403);
 
@@ -112,10 +114,10 @@ TEST(Readout, ReadsTheFramePixelUnderAScaledPicturePoint) {
     amplitude[13] = 70000.0F;
     std::vector<float> cloud(3 * 8 * 6);
     cloud[2 * 48 + 8 + 1] = 1.2345F;  // z of column 1, row 1
-    const auto list = hs::sim::make_frame_list(
-        {frame(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_UINT16, 8, 6, depth),
-         frame(hs::LumoraFrame::FRAME_AMPLITUDE, hs::DATA_TYPE_FLOAT32, 8, 6, amplitude),
-         frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_FLOAT32, 8, 6, cloud)});
+    const auto list =
+        hs::sim::make_frame_list({frame(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_UINT16, 8, 6, depth),
+                                  frame(hs::LumoraFrame::FRAME_AMPLITUDE, hs::DATA_TYPE_FLOAT32, 8, 6, amplitude),
+                                  frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_FLOAT32, 8, 6, cloud)});
 
     // A picture of half the frame's size: point (3, 2) is frame column 6, row 4.
     const auto d = readValue(list, kDepth, 3, 2, 4, 3);
