@@ -2,6 +2,7 @@
   web_checks.py page URL_WITH_TOKEN        403 without the token; with it, pictures that update
   web_checks.py click URL RECORDING.lmr     a click on the Depth picture reads the recorded depth
   web_checks.py png URL EXPORT_DIR          the lossless pictures equal lmr's export of the record
+  web_checks.py cloud URL                   the 3-D view gets thinned clouds, at most ten a second
 Prints what it found; exits non-zero with the reason on a failure."""
 import csv
 import os
@@ -146,12 +147,34 @@ def check_png(url, export):
             print(f"png: view {view} of {stamp} is {index[stamp][column]}, pixel for pixel ({shown[0]} x {shown[1]})")
 
 
+def check_cloud(url):
+    with Browser() as browser:
+        if browser.open(url) != 200:
+            fail("the page was not served")
+        browser.wait("lumora.pictures[3] >= 3", "no PCL-Depth picture")
+        if not browser.evaluate("!!document.getElementById('cloud-canvas').getContext('webgl')"):
+            fail("no WebGL")
+        browser.evaluate("document.getElementById('cloud-toggle').click()")
+        browser.wait("lumora.clouds >= 2", "no point cloud in the 3-D view")
+        first = browser.evaluate("[lumora.clouds, performance.now()]")
+        time.sleep(3)
+        last = browser.evaluate("[lumora.clouds, performance.now(), lumora.cloudPoints, lumora.pictures[3]]")
+        rate = (last[0] - first[0]) / ((last[1] - first[1]) / 1000)
+        size = browser.evaluate("lumora.shown[3] && [document.getElementById('view-3').width,"
+                                " document.getElementById('view-3').height]")
+        if rate > 11 or last[2] > (size[0] // 2) * (size[1] // 2):
+            fail(f"{rate:.1f} clouds a second of {last[2]} points for a {size} picture")
+        print(f"cloud: {rate:.1f} clouds a second of {last[2]} points in the 3-D view")
+
+
 if __name__ == "__main__":
     command = sys.argv[1]
     if command == "page":
         check_page(sys.argv[2])
     elif command == "click":
         check_click(sys.argv[2], sys.argv[3])
+    elif command == "cloud":
+        check_cloud(sys.argv[2])
     elif command == "png":
         check_png(sys.argv[2], sys.argv[3])
     else:

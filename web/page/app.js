@@ -233,6 +233,7 @@
         state.count = head.count;
         info.textContent = NAMES[head.view] + ": " + head.count + " points, frame " + head.timestamp + " µs";
         stats.cloudPoints = head.count;
+        stats.clouds = (stats.clouds || 0) + 1;
         draw();
       },
     };
