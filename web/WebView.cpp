@@ -144,7 +144,7 @@ std::string WebView::start() {
     stop();
     const std::string token = makeToken();
     if (token.empty()) return "no random token could be made";
-    const std::string failure = mServer.start(mBind, mPort, token);
+    std::string failure = mServer.start(mBind, mPort, token);
     if (!failure.empty()) return failure;
     const bool ipv6 = mBind.find(':') != std::string::npos;
     mUrl = "http://" + (ipv6 ? "[" + mBind + "]" : mBind) + ":" + std::to_string(mPort) + "/?token=" + token;
