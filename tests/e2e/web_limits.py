@@ -3,6 +3,7 @@ HTTP requests without the token, outside the routes, too large or malformed; pag
 that are not the page's; the ninth watcher; a watcher that stops reading for 10 s beside
 100 idle connections and a good watcher. Exits non-zero with the reason on a failure."""
 import json
+import os
 import socket
 import sys
 import time
@@ -129,8 +130,9 @@ def check_slow_watcher():
         fail("the good watcher was slowed down")
     if dropped != 0 or drawn < 250:
         fail("the camera's lists were not all delivered")
-    # A watcher that kept every picture would hold about 8 s of the stream by now.
-    if growth * 1024 > bytes_per_second * 8 / 2:
+    # A watcher that kept every picture would hold about 8 s of the stream by now. Under
+    # AddressSanitizer freed memory stays in its quarantine (up to 256 MB): no measure there.
+    if growth * 1024 > bytes_per_second * 8 / 2 and "ASAN_OPTIONS" not in os.environ:
         fail("memory grew with the stalled watcher")
     slow.settimeout(10)
     latest, deadline = 0, time.time() + 5
