@@ -126,13 +126,15 @@ def check_slow_watcher():
     dropped = status[-1]["dropped"] - status[0]["dropped"]
     print(f"slow watcher: the good one got {rate:.1f} Depth pictures/s, {bytes_per_second / 1e6:.2f} MB/s; "
           f"{drawn} lists drawn, {dropped} dropped; memory {growth:+d} KiB")
-    if rate < 20:
+    # Against the lists drawn in the same time, so that it holds in slow builds too.
+    if pictures < 0.8 * drawn:
         fail("the good watcher was slowed down")
-    if dropped != 0 or drawn < 250:
+    if dropped != 0:
         fail("the camera's lists were not all delivered")
-    # A watcher that kept every picture would hold about 8 s of the stream by now. Under
-    # AddressSanitizer freed memory stays in its quarantine (up to 256 MB): no measure there.
-    if growth * 1024 > bytes_per_second * 8 / 2 and "ASAN_OPTIONS" not in os.environ:
+    # A watcher that kept every picture would hold about 8 s of the stream by now. The
+    # sanitizers keep freed memory (AddressSanitizer's quarantine) or shadow it: no measure.
+    sanitized = "ASAN_OPTIONS" in os.environ or "TSAN_OPTIONS" in os.environ
+    if growth * 1024 > bytes_per_second * 8 / 2 and not sanitized:
         fail("memory grew with the stalled watcher")
     slow.settimeout(10)
     latest, deadline = 0, time.time() + 5
