@@ -14,8 +14,8 @@ enum Reach : unsigned { kSingle = 1U, kSettings = 2U, kDeviceInfo = 4U, kFirmwar
 
 // A value as read: a number, whatever the key's type, or a text.
 struct Reading {
-    Reading(double value) : number(value) {}                // NOLINT(google-explicit-constructor)
-    Reading(std::string value) : text(std::move(value)) {}  // NOLINT(google-explicit-constructor)
+    Reading(double value) : number(value) {}
+    Reading(std::string value) : text(std::move(value)) {}
     double number = 0.0;
     std::string text;
 };
