@@ -38,6 +38,8 @@ public:
     // logged and refused with RESULT_INVALID_PARAMETER.
     Result attach(const std::string& entry);
     Result detach(int number);
+    // The attached devices as a LUMORA_SIM_DEVICES value.
+    std::string deviceList();
     // The open camera on the device with this URI, or null.
     std::shared_ptr<SimCamera> openCamera(const std::string& uri);
     // Re-reads LUMORA_SIM_DEVICES; RESULT_USING_RESOURCES while a camera is open.
