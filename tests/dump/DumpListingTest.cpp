@@ -3,8 +3,8 @@
 #include <fstream>
 
 #include "DumpBytes.h"
+#include "DumpListing.h"
 #include "DumpTestSupport.h"
-#include "FrameDumpSink.h"
 
 namespace lumora::dump::test {
 namespace {
@@ -57,7 +57,7 @@ protected:
     static std::string inspect(const FileBytes& file) {
         std::ofstream("in.lmr", std::ios::binary) << file.bytes();
         testing::internal::CaptureStdout();
-        FrameDumpSink::inspectDumpFile("in.lmr");
+        inspectDumpFile("in.lmr");
         return testing::internal::GetCapturedStdout();
     }
 };
@@ -115,8 +115,8 @@ TEST_F(DumpListingTest, PrintsOddAndShortFiles) {
 
 TEST_F(DumpListingTest, UnopenableAndEmptyPaths) {
     testing::internal::CaptureStdout();
-    FrameDumpSink::inspectDumpFile("no-such-dir/x.lmr");
-    FrameDumpSink::inspectDumpFile("");
+    inspectDumpFile("no-such-dir/x.lmr");
+    inspectDumpFile("");
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(out.rfind("\rE/FrameDumpSink:", 0) == 0 && out.find(": fail to open file!\n") != std::string::npos &&
                 out.find('[') == std::string::npos)
