@@ -13,7 +13,7 @@
 
 #include "ColorMaps.h"
 
-namespace lumora::display {
+namespace lumora::imaging {
 namespace {
 
 using Rgb = std::array<int, 3>;  // bytes 0, 1, 2 of a pixel
@@ -213,4 +213,4 @@ TEST_F(ColorMaps, RebuildWhileAnotherThreadReads) {
 }
 
 }  // namespace
-}  // namespace lumora::display
+}  // namespace lumora::imaging

@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <mutex>
 
-namespace lumora::display {
+namespace lumora::imaging {
 
 namespace {
 
@@ -151,4 +151,4 @@ const DepthIndexTable& depthIndexTable() { return gDepthIndex; }
 const GrayTable& grayTable() { return gGray; }
 const DepthColourTable& depthColourTable() { return gDepthColour; }
 
-}  // namespace lumora::display
+}  // namespace lumora::imaging

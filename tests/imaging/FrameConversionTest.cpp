@@ -18,7 +18,7 @@
 #include "ColorMaps.h"
 #include "FrameConversion.h"
 
-namespace lumora::display {
+namespace lumora::imaging {
 namespace {
 
 namespace hs = halden::sensor;
@@ -59,6 +59,7 @@ protected:
         mValues[0] = 0;
     }
     std::vector<std::uint16_t> mValues;
+    ConversionContext mContext;
 };
 
 TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
@@ -73,7 +74,7 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
         WindowImage depth;
         WindowImage amplitude;
         const cv::Point point(10, 20);
-        convertDepthAmplitude(basicFrame(hs::LumoraFrame::FRAME_DEPTH, dataType, mValues, width, height),
+        convertDepthAmplitude(mContext, basicFrame(hs::LumoraFrame::FRAME_DEPTH, dataType, mValues, width, height),
                               basicFrame(hs::LumoraFrame::FRAME_AMPLITUDE, dataType, mValues, width, height),
                               {width, height}, point, {width - 1, height - 1}, depth, amplitude);
         ASSERT_EQ(depth.image.type(), CV_8UC3);
@@ -116,7 +117,7 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
         static_cast<float*>(hs::sim::frame_data(odd))[i] = rounding[static_cast<std::size_t>(i)].first;
     WindowImage none;
     WindowImage amplitude;
-    convertDepthAmplitude(nullptr, odd, {count, 1}, {0, 0}, {0, 0}, none, amplitude);
+    convertDepthAmplitude(mContext, nullptr, odd, {count, 1}, {0, 0}, {0, 0}, none, amplitude);
     for (int i = 0; i < count; ++i)
         EXPECT_EQ(amplitude.image.at<std::uint8_t>(0, i), grayTable()[rounding[static_cast<std::size_t>(i)].second])
             << rounding[static_cast<std::size_t>(i)].first;
@@ -136,7 +137,7 @@ TEST_F(FrameConversion, ScalesDownOnlyByNearestNeighbour) {
     cv::resize(values, nearest, shown, 0, 0, cv::INTER_NEAREST);
     WindowImage depth;
     WindowImage amplitude;
-    convertDepthAmplitude(frame, nullptr, shown, {3, 4}, {0, 0}, depth, amplitude);
+    convertDepthAmplitude(mContext, frame, nullptr, shown, {3, 4}, {0, 0}, depth, amplitude);
     ASSERT_EQ(depth.image.size(), shown);
     for (int y = 0; y < shown.height; ++y)
         for (int x = 0; x < shown.width; ++x)
@@ -178,7 +179,7 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) planes[3 * n + hole + 1] = 150.0F;
         WindowImage depth;
         WindowImage intensity;
-        convertPointCloud(frame, lens, {width, height}, {5, 6}, {5, 6}, depth, &intensity);
+        convertPointCloud(mContext, frame, lens, {width, height}, {5, 6}, {5, 6}, depth, &intensity);
         ASSERT_EQ(depth.image.size(), cv::Size(width, height));
         EXPECT_EQ(depth.image.at<cv::Vec3b>(height - 1, width - 1), cv::Vec3b(0, 0, 0)) << "nothing projects there";
         EXPECT_EQ(depth.image.at<cv::Vec3b>(30, 40), ruleColour(1000));
@@ -201,7 +202,8 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
     }
     // 16-bit point clouds are not drawn.
     WindowImage depth;
-    convertPointCloud(hs::sim::make_frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_UINT16, 8, 8, 1, 0), lens,
+    convertPointCloud(mContext,
+                      hs::sim::make_frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_UINT16, 8, 8, 1, 0), lens,
                       {8, 8}, {0, 0}, {0, 0}, depth, nullptr);
     EXPECT_TRUE(depth.image.empty());
 }
@@ -229,4 +231,4 @@ TEST_F(FrameConversion, ConsoleReadoutAndFramerateImage) {
 }
 
 }  // namespace
-}  // namespace lumora::display
+}  // namespace lumora::imaging

@@ -10,7 +10,7 @@
 #include <string>
 #include <utility>
 
-namespace lumora::display {
+namespace lumora::imaging {
 
 inline constexpr std::size_t kPaletteSize = 1282;
 // The far end of the ramp; depths beyond the range map here.
@@ -66,4 +66,4 @@ const DepthIndexTable& depthIndexTable();
 const GrayTable& grayTable();
 const DepthColourTable& depthColourTable();
 
-}  // namespace lumora::display
+}  // namespace lumora::imaging
