@@ -5,7 +5,6 @@
 #include "ConversionKernels.h"
 
 #include <array>
-#include <atomic>
 #include <cstring>
 
 #if defined(__x86_64__)
@@ -17,10 +16,6 @@
 namespace lumora::imaging {
 
 namespace {
-
-inline std::uint32_t colourOf(const DepthColourTable& colours, std::uint16_t depth) {
-    return colours[depth].load(std::memory_order_relaxed);
-}
 
 #if CV_SIMD128
 // toSample on four floats.
@@ -92,15 +87,14 @@ void toSamples(const float* source, int n, std::uint16_t* out) {
 void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const DepthColourTable& colours) {
     int i = 0;
     for (; i + 8 <= n; i += 8, out += 24) {
-        // Named, not an array: relaxed loads into an array go through the stack.
-        const std::uint64_t c0 = colourOf(colours, samples[i]);
-        const std::uint64_t c1 = colourOf(colours, samples[i + 1]);
-        const std::uint64_t c2 = colourOf(colours, samples[i + 2]);
-        const std::uint64_t c3 = colourOf(colours, samples[i + 3]);
-        const std::uint64_t c4 = colourOf(colours, samples[i + 4]);
-        const std::uint64_t c5 = colourOf(colours, samples[i + 5]);
-        const std::uint64_t c6 = colourOf(colours, samples[i + 6]);
-        const std::uint64_t c7 = colourOf(colours, samples[i + 7]);
+        const std::uint64_t c0 = colours[samples[i]];
+        const std::uint64_t c1 = colours[samples[i + 1]];
+        const std::uint64_t c2 = colours[samples[i + 2]];
+        const std::uint64_t c3 = colours[samples[i + 3]];
+        const std::uint64_t c4 = colours[samples[i + 4]];
+        const std::uint64_t c5 = colours[samples[i + 5]];
+        const std::uint64_t c6 = colours[samples[i + 6]];
+        const std::uint64_t c7 = colours[samples[i + 7]];
         const std::uint64_t first = c0 | c1 << 24U | c2 << 48U;
         const std::uint64_t second = c2 >> 16U | c3 << 8U | c4 << 32U | c5 << 56U;
         const std::uint64_t third = c5 >> 8U | c6 << 16U | c7 << 40U;
@@ -109,7 +103,7 @@ void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const Dep
         std::memcpy(out + 16, &third, 8);
     }
     for (; i < n; ++i, out += 3) {
-        const std::uint32_t pixel = colourOf(colours, samples[i]);
+        const std::uint32_t pixel = colours[samples[i]];
         std::memcpy(out, &pixel, 3);
     }
 }
@@ -185,7 +179,7 @@ void placePoints(const cv::Point3f* points, const cv::Point2f* shown, std::size_
         cv::v_load_deinterleave(&points[k].x, x, y, z);
         cv::v_store(samples.data(), toSamples4(z * thousand));
         for (std::size_t j = 0; j < 4; ++j)
-            colour[k + j] = colourOf(colours, static_cast<std::uint16_t>(samples[j]));
+            colour[k + j] = colours[static_cast<std::uint16_t>(samples[j])];
         cv::v_float32x4 u;
         cv::v_float32x4 v;
         cv::v_load_deinterleave(&shown[k].x, u, v);
@@ -199,7 +193,7 @@ void placePoints(const cv::Point3f* points, const cv::Point2f* shown, std::size_
     for (; k < n; ++k) {
         const float u = shown[k].x + 0.5F;
         const float v = shown[k].y + 0.5F;
-        colour[k] = colourOf(colours, toSample(points[k].z * 1000.0F));
+        colour[k] = colours[toSample(points[k].z * 1000.0F)];
         const bool onImage = u >= 0.0F && v >= 0.0F && u < width && v < height;
         landing[k] = onImage ? static_cast<int>(v) * display.width + static_cast<int>(u) : -1;
     }

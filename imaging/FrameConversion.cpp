@@ -135,8 +135,9 @@ void convertDepthAmplitude(ConversionContext& context, const std::shared_ptr<hs:
     const std::vector<int> columns = nearestMap(shape.width, display.width);
     const int* columnMap = scaled ? columns.data() : nullptr;
 
-    const DepthColourTable& colours = depthColourTable();
-    const GrayTable& gray = grayTable();
+    const TableView tables;
+    const DepthColourTable& colours = tables.depthColour();
+    const GrayTable& gray = tables.gray();
     const bool withDepth = depthPlane.valid() && depthPlane.width == shape.width && depthPlane.height == shape.height;
     const bool withAmplitude =
         amplitudePlane.valid() && amplitudePlane.width == shape.width && amplitudePlane.height == shape.height;
@@ -222,8 +223,9 @@ void convertPointCloud(ConversionContext& context, const std::shared_ptr<hs::Lum
     static const cv::Vec3d kNoTranslation(0.0, 0.0, 0.0);
 
     const bool withIntensity = intensityImage != nullptr && intensity != nullptr;
-    const DepthColourTable& colours = depthColourTable();
-    const GrayTable& gray = grayTable();
+    const TableView tables;
+    const DepthColourTable& colours = tables.depthColour();
+    const GrayTable& gray = tables.gray();
 
     // Each piece gathers the points with z > 0 of its own pixels to the start of its own part
     // of the buffers, in pixel order, projects them in place, and works out for each where it

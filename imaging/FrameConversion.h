@@ -1,7 +1,8 @@
 // Frame-to-image conversion: functions from library frames to 8-bit images, read-out texts
 // and marker colours, with no window involved. Every function may be called from any thread;
-// they read the colour and gray tables without a lock. The conversions of large images work
-// with the helper thread of a conversion context that the caller owns.
+// a conversion reads the colour and gray tables through one view for its whole frame
+// (ColorMaps.h), so its images show one rebuild's tables. The conversions of large images
+// work with the helper thread of a conversion context that the caller owns.
 #pragma once
 
 #include <memory>

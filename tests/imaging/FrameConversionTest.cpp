@@ -44,9 +44,11 @@ Frame basicFrame(hs::LumoraFrame::FrameType type, hs::DataType dataType, const s
 
 // The rule itself, pixel by pixel: depth -> palette index (at most 1281) -> three bytes.
 cv::Vec3b ruleColour(std::uint16_t depth) {
-    const std::uint16_t k = std::min<std::uint16_t>(depthIndexTable()[depth], kPaletteMissing);
+    const std::uint16_t k = std::min<std::uint16_t>(TableView().depthIndex()[depth], kPaletteMissing);
     return {palette()[0][k], palette()[1][k], palette()[2][k]};
 }
+
+std::uint8_t grayOf(std::uint16_t amplitude) { return TableView().gray()[amplitude]; }
 
 class FrameConversion : public testing::Test {
 protected:
@@ -83,7 +85,7 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
             for (int x = 0; x < width; ++x) {
                 const std::uint16_t value = mValues[static_cast<std::size_t>(y * width + x) % mValues.size()];
                 ASSERT_EQ(depth.image.at<cv::Vec3b>(y, x), ruleColour(value)) << x << "," << y;
-                ASSERT_EQ(amplitude.image.at<std::uint8_t>(y, x), grayTable()[value]) << x << "," << y;
+                ASSERT_EQ(amplitude.image.at<std::uint8_t>(y, x), grayOf(value)) << x << "," << y;
             }
         // Depth 0 is missing and black.
         EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 0), cv::Vec3b(0, 0, 0));
@@ -94,7 +96,7 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
         // The marker is the pixel's inverse, and drawn over it.
         const cv::Vec3b pixel = ruleColour(atPoint);
         EXPECT_EQ(depth.marker, cv::Scalar(255 - pixel[0], 255 - pixel[1], 255 - pixel[2], 0));
-        const int gray = 255 - grayTable()[atCorner];
+        const int gray = 255 - grayOf(atCorner);
         EXPECT_EQ(amplitude.marker, cv::Scalar(gray, gray, gray, 0));
         drawMarker(depth, point);
         EXPECT_EQ(depth.image.at<cv::Vec3b>(point), cv::Vec3b(255 - pixel[0], 255 - pixel[1], 255 - pixel[2]));
@@ -119,7 +121,7 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
     WindowImage amplitude;
     convertDepthAmplitude(mContext, nullptr, odd, {count, 1}, {0, 0}, {0, 0}, none, amplitude);
     for (int i = 0; i < count; ++i)
-        EXPECT_EQ(amplitude.image.at<std::uint8_t>(0, i), grayTable()[rounding[static_cast<std::size_t>(i)].second])
+        EXPECT_EQ(amplitude.image.at<std::uint8_t>(0, i), grayOf(rounding[static_cast<std::size_t>(i)].second))
             << rounding[static_cast<std::size_t>(i)].first;
     EXPECT_TRUE(none.image.empty());
 }
@@ -193,8 +195,8 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         EXPECT_EQ(cv::countNonZero(offImage), 0);
         EXPECT_EQ(depth.readout, "  x:5, y:6, z:2000");
         if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) {
-            EXPECT_EQ(intensity.image.at<std::uint8_t>(height - 1, 0), grayTable()[100]);
-            EXPECT_EQ(intensity.image.at<std::uint8_t>(20, 11), grayTable()[150]);
+            EXPECT_EQ(intensity.image.at<std::uint8_t>(height - 1, 0), grayOf(100));
+            EXPECT_EQ(intensity.image.at<std::uint8_t>(20, 11), grayOf(150));
             EXPECT_EQ(intensity.readout, "  x:5, y:6, a:100");
         } else {
             EXPECT_TRUE(intensity.image.empty());
