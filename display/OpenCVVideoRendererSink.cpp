@@ -21,6 +21,9 @@
 namespace lumora::display {
 
 namespace hs = halden::sensor;
+using imaging::ConversionContext;
+using imaging::Projection;
+using imaging::WindowImage;
 
 namespace {
 
@@ -48,7 +51,7 @@ double autosizeProperty(const std::string& name) {
 
 }  // namespace
 
-OpenCVVideoRendererSink::OpenCVVideoRendererSink() { initColorMaps(); }
+OpenCVVideoRendererSink::OpenCVVideoRendererSink() { imaging::initColorMaps(); }
 
 OpenCVVideoRendererSink::~OpenCVVideoRendererSink() {
     closeWindows(true);
@@ -158,7 +161,7 @@ std::string OpenCVVideoRendererSink::fpsText() {
 }
 
 cv::Size OpenCVVideoRendererSink::shownSize(const std::shared_ptr<hs::LumoraFrame>& frame) const {
-    return displaySize({frame->width(), frame->height()}, mDisplayWidth.load(), mDisplayHeight.load());
+    return imaging::displaySize({frame->width(), frame->height()}, mDisplayWidth.load(), mDisplayHeight.load());
 }
 
 OpenCVVideoRendererSink::RenderWindow* OpenCVVideoRendererSink::window(int key) {
@@ -262,7 +265,8 @@ void OpenCVVideoRendererSink::createWindows(const std::shared_ptr<hs::LumoraFram
     mWindowsCreated.store(created);
 }
 
-void OpenCVVideoRendererSink::drawList(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection) {
+void OpenCVVideoRendererSink::drawList(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection,
+                                       ConversionContext& conversion) {
     const std::uint32_t rendered = gRenderedLists.fetch_add(1) + 1;
     struct Shown {
         RenderWindow* entry;
@@ -275,15 +279,17 @@ void OpenCVVideoRendererSink::drawList(const std::shared_ptr<hs::LumoraFrameList
                                             entry->mouseY.load(std::memory_order_relaxed));
     };
 
-    if (RenderWindow* entry = window(kFramerate)) shown.push_back({entry, {framerateImage(fpsText()), {}, {}}});
+    if (RenderWindow* entry = window(kFramerate))
+        shown.push_back({entry, {imaging::framerateImage(fpsText()), {}, {}}});
 
     const auto depth = hs::find_frame(list, hs::LumoraFrame::FRAME_DEPTH);
     const auto amplitude = hs::find_frame(list, hs::LumoraFrame::FRAME_AMPLITUDE);
     if (depth || amplitude) {
         WindowImage depthImage;
         WindowImage amplitudeImage;
-        convertDepthAmplitude(depth, amplitude, shownSize(depth ? depth : amplitude), pointOf(window(kDepth)),
-                              pointOf(window(kAmplitude)), depthImage, amplitudeImage);
+        imaging::convertDepthAmplitude(conversion, depth, amplitude, shownSize(depth ? depth : amplitude),
+                                       pointOf(window(kDepth)), pointOf(window(kAmplitude)), depthImage,
+                                       amplitudeImage);
         shown.push_back({window(kDepth), std::move(depthImage)});
         shown.push_back({window(kAmplitude), std::move(amplitudeImage)});
     }
@@ -293,19 +299,21 @@ void OpenCVVideoRendererSink::drawList(const std::shared_ptr<hs::LumoraFrameList
         const bool intensity = type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
         const int depthKey = intensity ? kIntensityDepth : kPointCloud;
         const Projection lens =
-            projection.intrinsics.fx > 0.0 ? projection : defaultProjection({frame->width(), frame->height()});
+            projection.intrinsics.fx > 0.0 ? projection : imaging::defaultProjection({frame->width(), frame->height()});
         Projection sized = lens;
         if (sized.size.width <= 0 || sized.size.height <= 0) sized.size = {frame->width(), frame->height()};
         WindowImage depthImage;
         WindowImage intensityImage;
-        convertPointCloud(frame, sized, shownSize(frame), pointOf(window(depthKey)),
-                          pointOf(window(kIntensityAmplitude)), depthImage, intensity ? &intensityImage : nullptr);
+        imaging::convertPointCloud(conversion, frame, sized, shownSize(frame), pointOf(window(depthKey)),
+                                   pointOf(window(kIntensityAmplitude)), depthImage,
+                                   intensity ? &intensityImage : nullptr);
         shown.push_back({window(depthKey), std::move(depthImage)});
         if (intensity) shown.push_back({window(kIntensityAmplitude), std::move(intensityImage)});
     }
 
     for (Shown& item : shown)
-        if (item.entry != nullptr && item.entry->key != kFramerate) drawMarker(item.picture, pointOf(item.entry));
+        if (item.entry != nullptr && item.entry->key != kFramerate)
+            imaging::drawMarker(item.picture, pointOf(item.entry));
     const bool titled = rendered > kTitleAfterLists;
     runOnGuiThread([&shown, titled] {
         for (const Shown& item : shown) {
@@ -323,7 +331,7 @@ void OpenCVVideoRendererSink::drawList(const std::shared_ptr<hs::LumoraFrameList
 }
 
 void OpenCVVideoRendererSink::readOutOnConsole(const std::shared_ptr<hs::LumoraFrameList>& list) {
-    const std::string line = consoleReadout(fpsText(), list);
+    const std::string line = imaging::consoleReadout(fpsText(), list);
     std::printf("%s", line.c_str());
     std::fflush(stdout);
     std::printf("\b\b\b\b\b");
@@ -331,6 +339,8 @@ void OpenCVVideoRendererSink::readOutOnConsole(const std::shared_ptr<hs::LumoraF
 
 void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
     static std::once_flag noDisplayNotice;
+    // Ends, with its helper thread, when this thread does.
+    ConversionContext conversion;
     mFrameQueue.restart();
     while (mRunning.load()) {
         auto [result, item] = mFrameQueue.pop(kPopTimeout);
@@ -350,7 +360,7 @@ void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
             continue;
         }
         if (!mWindowsCreated.load()) createWindows(list);
-        drawList(list, projection);
+        drawList(list, projection, conversion);
     }
     hs::Log::i(LUMORA_LOG_TAG("OpenCVVideoRendererSink"), "%llu lists drawn, %llu dropped at the queue, %s",
                static_cast<unsigned long long>(mDrawn.load()), static_cast<unsigned long long>(mDropped.load()),

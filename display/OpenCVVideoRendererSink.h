@@ -75,11 +75,12 @@ private:
     using Item = std::tuple<halden::sensor::LumoraSource*, std::shared_ptr<halden::sensor::LumoraFrameList>>;
 
     static void onMouse(int event, int x, int y, int flags, void* userData);
-    void renderLoop(const Projection& projection);
+    void renderLoop(const imaging::Projection& projection);
     void stopRenderThread();
     void closeWindows(bool clearTable);
     void createWindows(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
-    void drawList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, const Projection& projection);
+    void drawList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, const imaging::Projection& projection,
+                  imaging::ConversionContext& conversion);
     void readOutOnConsole(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
     std::string fpsText();
     cv::Size shownSize(const std::shared_ptr<halden::sensor::LumoraFrame>& frame) const;
@@ -98,7 +99,7 @@ private:
     // The calibration of the camera that last reported prepared; the render thread takes a
     // copy when it starts.
     std::mutex mProjectionMutex;
-    std::unique_ptr<Projection> mProjection;
+    std::unique_ptr<imaging::Projection> mProjection;
     std::atomic<std::uint64_t> mDrawn{0};
     std::atomic<std::uint64_t> mDropped{0};
     std::thread mRenderThread;
