@@ -17,6 +17,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <pthread.h>
+
 #include "Registry.h"
 
 namespace halden::sensor::sim {
@@ -225,7 +227,10 @@ Result SimCamera::run(int wantedFrame) {
         mState = STATE_RUNNING;
         postState(STATE_RUNNING);
     }
-    mDelivery = std::thread([this] { mRecording ? play() : deliver(); });
+    mDelivery = std::thread([this] {
+        pthread_setname_np(pthread_self(), "lumora-delivery");
+        mRecording ? play() : deliver();
+    });
     return RESULT_SUCCESS;
 }
 
