@@ -59,10 +59,6 @@ public:
     // (width, height).
     std::pair<int, int> displayResolution() const;
 
-    // Lists drawn (or read out) and lists dropped at the queue since construction.
-    std::uint64_t drawnLists() const { return mDrawn.load(); }
-    std::uint64_t droppedLists() const { return mDropped.load(); }
-
 private:
     struct RenderWindow {
         int key = 0;
@@ -100,6 +96,8 @@ private:
     // copy when it starts.
     std::mutex mProjectionMutex;
     std::unique_ptr<imaging::Projection> mProjection;
+    // Lists drawn (or read out) and lists dropped at the queue since construction, logged
+    // when the render thread ends.
     std::atomic<std::uint64_t> mDrawn{0};
     std::atomic<std::uint64_t> mDropped{0};
     std::thread mRenderThread;

@@ -97,13 +97,14 @@ const LibraryKey* library_key(const std::string& key) {
 }  // namespace
 
 Registry& Registry::instance() {
-    static Registry registry;
-    return registry;
+    // Never destroyed: at exit, which a fatal signal may start on any thread (this one's
+    // hot-plug thread too), the library's threads may still call it, and joining them there
+    // could wait on the exiting thread itself.
+    static Registry* const registry = new Registry;
+    return *registry;
 }
 
 Registry::Registry() { load(); }
-
-Registry::~Registry() { mHotplug.shutdown(); }
 
 void Registry::load() {
     // Read when the library starts and on reset_devices(); the library never writes it.

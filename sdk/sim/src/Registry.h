@@ -17,8 +17,8 @@ namespace halden::sensor::sim {
 
 class Registry {
 public:
+    // Made on first use and never destroyed.
     static Registry& instance();
-    ~Registry();
 
     std::shared_ptr<LumoraSourceList> search();
     std::shared_ptr<LumoraCamera> create(const std::shared_ptr<LumoraSource>& source);

@@ -14,6 +14,8 @@
 
 #include <cstdio>
 
+#include <pthread.h>
+
 #include "Registry.h"
 
 namespace halden::sensor::sim {
@@ -153,7 +155,10 @@ Result SimCamera::run(int wantedFrame) {
         mState = STATE_RUNNING;
         postState(STATE_RUNNING);
     }
-    mDelivery = std::thread([this] { deliver(); });
+    mDelivery = std::thread([this] {
+        pthread_setname_np(pthread_self(), "lumora-delivery");
+        deliver();
+    });
     return RESULT_SUCCESS;
 }
 
