@@ -32,7 +32,7 @@
 namespace {
 
 namespace hs = halden::sensor;
-namespace ld = lumora::display;
+namespace li = lumora::imaging;
 using Clock = std::chrono::steady_clock;
 using Frame = std::shared_ptr<hs::LumoraFrame>;
 
@@ -112,9 +112,9 @@ void timeOnce(std::vector<double>& samples, const std::function<void()>& work) {
 }
 
 void setUp() {
-    ld::initColorMaps();
-    ld::setDepthRange({7000.0F, 0.0F});
-    ld::setGrayRange({230.0F, 0.0F});
+    li::initColorMaps();
+    li::setDepthRange({7000.0F, 0.0F});
+    li::setGrayRange({230.0F, 0.0F});
 }
 
 void BM_DepthAmplitudeVga(benchmark::State& state) {
@@ -135,11 +135,12 @@ void BM_DepthAmplitudeVga(benchmark::State& state) {
         benchmark::DoNotOptimize(gray.data);
         benchmark::ClobberMemory();
     };
-    const auto convert = [](ListPool& pool) {
+    li::ConversionContext context;
+    const auto convert = [&context](ListPool& pool) {
         const auto [depth, amplitude] = pool.next();
-        ld::WindowImage depthImage;
-        ld::WindowImage amplitudeImage;
-        ld::convertDepthAmplitude(depth, amplitude, {kWidth, kHeight}, {320, 240}, {320, 240}, depthImage,
+        li::WindowImage depthImage;
+        li::WindowImage amplitudeImage;
+        li::convertDepthAmplitude(context, depth, amplitude, {kWidth, kHeight}, {320, 240}, {320, 240}, depthImage,
                                   amplitudeImage);
         benchmark::DoNotOptimize(depthImage.image.data);
         benchmark::DoNotOptimize(amplitudeImage.image.data);
@@ -197,7 +198,7 @@ BENCHMARK(BM_DepthAmplitudeVga)->Iterations(1)->Unit(benchmark::kMillisecond);
 struct Cloud {
     Frame frame;
     std::vector<cv::Point3f> points;
-    ld::Projection lens = ld::defaultProjection({kWidth, kHeight});
+    li::Projection lens = li::defaultProjection({kWidth, kHeight});
 };
 Cloud makeCloud() {
     Cloud cloud;
@@ -229,9 +230,11 @@ void BM_PointCloudVga(benchmark::State& state) {
                           cv::noArray(), 0.0);
         benchmark::DoNotOptimize(projected.data());
     };
+    li::ConversionContext context;
     const auto image = [&] {
-        ld::WindowImage depthImage;
-        ld::convertPointCloud(cloud.frame, cloud.lens, {kWidth, kHeight}, {320, 240}, {320, 240}, depthImage, nullptr);
+        li::WindowImage depthImage;
+        li::convertPointCloud(context, cloud.frame, cloud.lens, {kWidth, kHeight}, {320, 240}, {320, 240}, depthImage,
+                              nullptr);
         benchmark::DoNotOptimize(depthImage.image.data);
     };
     constexpr int kRounds = 60;

@@ -59,9 +59,9 @@ public:
         hs::sim::Scene scene(device, hs::sim::model_info(device.model));
         const hs::sim::SceneSettings settings;
         auto list = scene.makeList(2 | 4, settings);
-        lumora::display::initColorMaps();
-        lumora::display::setDepthRange(lumora::display::modelRanges(device.model).depth);
-        lumora::display::setGrayRange(lumora::display::modelRanges(device.model).gray);
+        lumora::imaging::initColorMaps();
+        lumora::imaging::setDepthRange(lumora::imaging::modelRanges(device.model).depth);
+        lumora::imaging::setGrayRange(lumora::imaging::modelRanges(device.model).gray);
 
         using namespace lumora::dump;
         DumpWriter writer(file());
@@ -70,6 +70,7 @@ public:
         writer.writeHead({kSyncByte, 1, kRecords, DUMP_DEPTH_AMPLITUDE}, {kSourceDescriptorTag, "sim"}, camera);
         const std::vector<std::uint8_t> line(kWidth, 0);
         const std::size_t bytes = std::size_t{kWidth} * kHeight * 2;
+        lumora::imaging::ConversionContext conversion;
         for (std::uint32_t i = 0; i < kRecords; ++i) {
             const std::uint64_t timestamp = i * 33333ULL;
             scene.render(i, timestamp, settings, *list);
@@ -77,9 +78,10 @@ public:
             const auto amplitude = hs::find_frame(list, hs::LumoraFrame::FRAME_AMPLITUDE);
             writer.writeRecord({static_cast<std::uint8_t>(i), kWidth, kHeight, 2, timestamp}, {line.data(), kWidth},
                                {{depth->data(), bytes}, {amplitude->data(), bytes}});
-            lumora::display::WindowImage colour;
-            lumora::display::WindowImage gray;
-            lumora::display::convertDepthAmplitude(depth, amplitude, {kWidth, kHeight}, {0, 0}, {0, 0}, colour, gray);
+            lumora::imaging::WindowImage colour;
+            lumora::imaging::WindowImage gray;
+            lumora::imaging::convertDepthAmplitude(conversion, depth, amplitude, {kWidth, kHeight}, {0, 0}, {0, 0},
+                                                   colour, gray);
             mImages.push_back(cv::Mat(kHeight, kWidth, CV_16UC1, const_cast<void*>(depth->data())).clone());
             mImages.push_back(colour.image);
             mImages.push_back(gray.image);

@@ -245,11 +245,11 @@ BENCHMARK(BM_HandOver)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // The longest rebuilds: ranges that reach nearly the top of the table.
 void BM_DepthTableRebuild(benchmark::State& state) {
-    lumora::display::initColorMaps();
+    lumora::imaging::initColorMaps();
     bool flip = false;
     for (auto _ : state) {
-        lumora::display::setDepthRange(flip ? lumora::display::Range{65534.0F, 0.0F}
-                                            : lumora::display::Range{65000.0F, 1.0F});
+        lumora::imaging::setDepthRange(flip ? lumora::imaging::Range{65534.0F, 0.0F}
+                                            : lumora::imaging::Range{65000.0F, 1.0F});
         flip = !flip;
         benchmark::ClobberMemory();
     }
@@ -257,11 +257,11 @@ void BM_DepthTableRebuild(benchmark::State& state) {
 BENCHMARK(BM_DepthTableRebuild)->Unit(benchmark::kMicrosecond)->MinTime(0.5);
 
 void BM_GrayTableRebuild(benchmark::State& state) {
-    lumora::display::initColorMaps();
+    lumora::imaging::initColorMaps();
     bool flip = false;
     for (auto _ : state) {
-        lumora::display::setGrayRange(flip ? lumora::display::Range{65534.0F, 0.0F}
-                                           : lumora::display::Range{65000.0F, 1.0F});
+        lumora::imaging::setGrayRange(flip ? lumora::imaging::Range{65534.0F, 0.0F}
+                                           : lumora::imaging::Range{65000.0F, 1.0F});
         flip = !flip;
         benchmark::ClobberMemory();
     }

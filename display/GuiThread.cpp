@@ -66,14 +66,15 @@ public:
         return true;
     }
 
-    // The atexit hook, on the exiting thread. Never waits longer than kCloseDownWait, also
-    // when a task hangs or the exiting thread itself holds the lock (a signal handler).
+    // The atexit hook, on the exiting thread. Only its first call acts, so that the exit as a
+    // whole never waits longer than kCloseDownWait, also when a task hangs or the exiting
+    // thread itself holds the lock (a fatal signal's handler).
     void closeDown() {
-        if (tOnGuiThread) {
-            // A fault inside a task: Qt's state is unknown, so it is left as it is.
-            mClosing.store(true);
-            return;
-        }
+        // Set before the lock is taken: a post that comes after it returns at once, and one
+        // that came before is queued ahead of the close-down job.
+        if (mClosing.exchange(true)) return;
+        // A fault inside a task: Qt's state is unknown, so it is left as it is.
+        if (tOnGuiThread) return;
         const auto deadline = std::chrono::steady_clock::now() + kCloseDownWait;
         std::unique_lock<std::mutex> lock(mMutex, std::defer_lock);
         // Polled rather than a timed lock, which ThreadSanitizer does not see as a lock.
@@ -81,7 +82,6 @@ public:
             if (std::chrono::steady_clock::now() >= deadline) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        if (mClosing.exchange(true)) return;
         mTasks.push_back(&mCloseJob);
         mPosted.notify_one();
         mDone.wait_until(lock, deadline, [this] { return mCloseJob.done; });

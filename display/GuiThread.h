@@ -20,10 +20,9 @@ bool displayAvailable();
 
 // Any thread except the GUI thread itself. Runs `task` on the GUI thread, after the tasks
 // posted before it, and returns true when it has run. Returns false at once, without running
-// it, once the process has begun to exit and the GUI thread has closed down. Mouse
-// callbacks registered by a task run on the GUI thread too, while a later task services the
-// windows (cv::waitKey). Exceptions must not leave `task`. Must only be called when
-// displayAvailable() is true.
+// it, once the exit has begun to close the GUI thread down. Mouse callbacks registered by a
+// task run on the GUI thread too, while a later task services the windows (cv::waitKey).
+// Exceptions must not leave `task`. Must only be called when displayAvailable() is true.
 bool runOnGuiThread(const std::function<void()>& task);
 
 }  // namespace lumora::display

@@ -21,6 +21,9 @@
 namespace lumora::display {
 
 namespace hs = halden::sensor;
+using imaging::ConversionContext;
+using imaging::Projection;
+using imaging::WindowImage;
 
 namespace {
 
@@ -48,7 +51,7 @@ double autosizeProperty(const std::string& name) {
 
 }  // namespace
 
-OpenCVVideoRendererSink::OpenCVVideoRendererSink() { initColorMaps(); }
+OpenCVVideoRendererSink::OpenCVVideoRendererSink() { imaging::initColorMaps(); }
 
 OpenCVVideoRendererSink::~OpenCVVideoRendererSink() {
     closeWindows(true);
@@ -159,7 +162,7 @@ std::string OpenCVVideoRendererSink::fpsText() {
 }
 
 cv::Size OpenCVVideoRendererSink::shownSize(const std::shared_ptr<hs::LumoraFrame>& frame) const {
-    return displaySize({frame->width(), frame->height()}, mDisplayWidth.load(), mDisplayHeight.load());
+    return imaging::displaySize({frame->width(), frame->height()}, mDisplayWidth.load(), mDisplayHeight.load());
 }
 
 OpenCVVideoRendererSink::RenderWindow* OpenCVVideoRendererSink::window(int key) {
@@ -264,7 +267,7 @@ void OpenCVVideoRendererSink::createWindows(const std::shared_ptr<hs::LumoraFram
 }
 
 OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(
-    const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection) {
+    const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection, ConversionContext& conversion) {
     Converted converted;
     const auto pointOf = [this](int key) {
         const RenderWindow* entry = window(key);
@@ -277,8 +280,8 @@ OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(
     if (depth || amplitude) {
         WindowImage depthImage;
         WindowImage amplitudeImage;
-        convertDepthAmplitude(depth, amplitude, shownSize(depth ? depth : amplitude), pointOf(kDepth),
-                              pointOf(kAmplitude), depthImage, amplitudeImage);
+        imaging::convertDepthAmplitude(conversion, depth, amplitude, shownSize(depth ? depth : amplitude),
+                                       pointOf(kDepth), pointOf(kAmplitude), depthImage, amplitudeImage);
         converted.emplace_back(kDepth, std::move(depthImage));
         converted.emplace_back(kAmplitude, std::move(amplitudeImage));
     }
@@ -288,13 +291,13 @@ OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(
         const bool intensity = type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
         const int depthKey = intensity ? kIntensityDepth : kPointCloud;
         const Projection lens =
-            projection.intrinsics.fx > 0.0 ? projection : defaultProjection({frame->width(), frame->height()});
+            projection.intrinsics.fx > 0.0 ? projection : imaging::defaultProjection({frame->width(), frame->height()});
         Projection sized = lens;
         if (sized.size.width <= 0 || sized.size.height <= 0) sized.size = {frame->width(), frame->height()};
         WindowImage depthImage;
         WindowImage intensityImage;
-        convertPointCloud(frame, sized, shownSize(frame), pointOf(depthKey), pointOf(kIntensityAmplitude), depthImage,
-                          intensity ? &intensityImage : nullptr);
+        imaging::convertPointCloud(conversion, frame, sized, shownSize(frame), pointOf(depthKey),
+                                   pointOf(kIntensityAmplitude), depthImage, intensity ? &intensityImage : nullptr);
         converted.emplace_back(depthKey, std::move(depthImage));
         if (intensity) converted.emplace_back(kIntensityAmplitude, std::move(intensityImage));
     }
@@ -328,7 +331,8 @@ void OpenCVVideoRendererSink::publish(const Item& item, const Converted& picture
     publisher.publish(std::move(snapshot));
 }
 
-void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& projection, web::Publisher* publisher) {
+void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& projection, ConversionContext& conversion,
+                                       web::Publisher* publisher) {
     const std::uint32_t rendered = gRenderedLists.fetch_add(1) + 1;
     struct Shown {
         RenderWindow* entry;
@@ -341,14 +345,16 @@ void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& proje
                                             entry->mouseY.load(std::memory_order_relaxed));
     };
 
-    if (RenderWindow* entry = window(kFramerate)) shown.push_back({entry, {framerateImage(fpsText()), {}, {}}});
-    Converted converted = convertList(std::get<1>(item), projection);
+    if (RenderWindow* entry = window(kFramerate))
+        shown.push_back({entry, {imaging::framerateImage(fpsText()), {}, {}}});
+    Converted converted = convertList(std::get<1>(item), projection, conversion);
     if (publisher != nullptr) publish(item, converted, true, *publisher);
     for (auto& [key, picture] : converted)
         shown.push_back({window(key), std::move(picture)});
 
     for (Shown& each : shown)
-        if (each.entry != nullptr && each.entry->key != kFramerate) drawMarker(each.picture, pointOf(each.entry));
+        if (each.entry != nullptr && each.entry->key != kFramerate)
+            imaging::drawMarker(each.picture, pointOf(each.entry));
     const bool titled = rendered > kTitleAfterLists;
     runOnGuiThread([&shown, titled] {
         for (const Shown& each : shown) {
@@ -366,7 +372,7 @@ void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& proje
 }
 
 void OpenCVVideoRendererSink::readOutOnConsole(const std::shared_ptr<hs::LumoraFrameList>& list) {
-    const std::string line = consoleReadout(fpsText(), list);
+    const std::string line = imaging::consoleReadout(fpsText(), list);
     std::printf("%s", line.c_str());
     std::fflush(stdout);
     std::printf("\b\b\b\b\b");
@@ -374,6 +380,8 @@ void OpenCVVideoRendererSink::readOutOnConsole(const std::shared_ptr<hs::LumoraF
 
 void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
     static std::once_flag noDisplayNotice;
+    // Ends, with its helper thread, when this thread does.
+    ConversionContext conversion;
     mFrameQueue.restart();
     while (mRunning.load()) {
         auto [result, item] = mFrameQueue.pop(kPopTimeout);
@@ -389,12 +397,12 @@ void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
                            [] { std::printf("\rno display found: the frames are read out on the console\n\r"); });
         if (!display || !displayAvailable()) {
             if (!display) closeWindows(false);
-            if (publisher != nullptr) publish(item, convertList(list, projection), false, *publisher);
+            if (publisher != nullptr) publish(item, convertList(list, projection, conversion), false, *publisher);
             readOutOnConsole(list);
             continue;
         }
         if (!mWindowsCreated.load()) createWindows(list);
-        drawList(item, projection, publisher);
+        drawList(item, projection, conversion, publisher);
     }
     hs::Log::i(LUMORA_LOG_TAG("OpenCVVideoRendererSink"), "%llu lists drawn, %llu dropped at the queue, %s",
                static_cast<unsigned long long>(mDrawn.load()), static_cast<unsigned long long>(mDropped.load()),

@@ -67,10 +67,6 @@ public:
     // list, with the windows or without, and publishes the pictures to it. Not owned.
     void setPublisher(web::Publisher* publisher) { mPublisher.store(publisher); }
 
-    // Lists drawn (or read out) and lists dropped at the queue since construction.
-    std::uint64_t drawnLists() const { return mDrawn.load(); }
-    std::uint64_t droppedLists() const { return mDropped.load(); }
-
 private:
     struct RenderWindow {
         int key = 0;
@@ -84,15 +80,17 @@ private:
     using Item = std::tuple<halden::sensor::LumoraSource*, std::shared_ptr<halden::sensor::LumoraFrameList>,
                             std::chrono::steady_clock::time_point>;
     // A converted picture and the key of the window it is for.
-    using Converted = std::vector<std::pair<int, WindowImage>>;
+    using Converted = std::vector<std::pair<int, imaging::WindowImage>>;
 
     static void onMouse(int event, int x, int y, int flags, void* userData);
-    void renderLoop(const Projection& projection);
+    void renderLoop(const imaging::Projection& projection);
     void stopRenderThread();
     void closeWindows(bool clearTable);
     void createWindows(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
-    Converted convertList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, const Projection& projection);
-    void drawList(const Item& item, const Projection& projection, web::Publisher* publisher);
+    Converted convertList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list,
+                          const imaging::Projection& projection, imaging::ConversionContext& conversion);
+    void drawList(const Item& item, const imaging::Projection& projection, imaging::ConversionContext& conversion,
+                  web::Publisher* publisher);
     // `drawnNext`: the images are drawn on afterwards, so the publisher gets copies.
     void publish(const Item& item, const Converted& pictures, bool drawnNext, web::Publisher& publisher);
     void readOutOnConsole(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
@@ -113,8 +111,10 @@ private:
     // The calibration of the camera that last reported prepared; the render thread takes a
     // copy when it starts.
     std::mutex mProjectionMutex;
-    std::unique_ptr<Projection> mProjection;
+    std::unique_ptr<imaging::Projection> mProjection;
     std::atomic<web::Publisher*> mPublisher{nullptr};
+    // Lists drawn (or read out) and lists dropped at the queue since construction, logged
+    // when the render thread ends.
     std::atomic<std::uint64_t> mDrawn{0};
     std::atomic<std::uint64_t> mDropped{0};
     std::thread mRenderThread;

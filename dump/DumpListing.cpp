@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cinttypes>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <halden/sensor/Log.h>
 
 #include "DumpFile.h"
 #include "DumpFormat.h"
-#include "FrameDumpSink.h"
 
 namespace lumora::dump {
 
@@ -118,7 +118,7 @@ void inspect_dump(std::FILE* in, std::FILE* out) {
     std::fflush(out);
 }
 
-void FrameDumpSink::inspectDumpFile(const std::string& path) {
+void inspectDumpFile(const std::string& path) {
     if (path.empty()) return;
     const File file = open_file(path, "rb");
     if (!file) {

@@ -12,6 +12,7 @@
 
 #include <halden/sensor/Lumora.h>
 
+#include "DumpListing.h"
 #include "Queue.h"
 
 namespace lumora::dump {
@@ -48,9 +49,9 @@ public:
     // Any thread but the delivery thread: ends the capture and waits for the writer.
     void stopDump();
 
-    // Prints the header, descriptors and frame headers of the dump file at `path` to
-    // standard output; an empty path prints nothing. Uses none of the sink's state.
-    static void inspectDumpFile(const std::string& path);
+    // The shell's way to the inspector: inspectDumpFile of DumpListing.h, which uses none of
+    // the sink's state.
+    static void inspectDumpFile(const std::string& path) { dump::inspectDumpFile(path); }
 
 private:
     static void writerMain(FrameDumpSink* sink);

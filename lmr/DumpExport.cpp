@@ -113,8 +113,8 @@ private:
                                         ? nullptr
                                         : make_record_frame(hs::LumoraFrame::FRAME_AMPLITUDE, hs::DATA_TYPE_UINT16,
                                                             mWidth, mHeight, timestamp, amplitude);
-        display::convertDepthAmplitude(depthFrame, amplitudeFrame, cv::Size(mWidth, mHeight), cv::Point(0, 0),
-                                       cv::Point(0, 0), mColour, mGray);
+        imaging::convertDepthAmplitude(mConversion, depthFrame, amplitudeFrame, cv::Size(mWidth, mHeight),
+                                       cv::Point(0, 0), cv::Point(0, 0), mColour, mGray);
         if (!written(write_png(mJob.directory / files.depthColour, mColour.image), files.depthColour)) return false;
         return amplitude == nullptr ||
                written(write_png(mJob.directory / files.amplitude, mGray.image), files.amplitude);
@@ -143,8 +143,9 @@ private:
     std::uint64_t mBytes = 0;
     std::vector<std::uint16_t> mSamples;
     std::vector<float> mPoints;
-    display::WindowImage mColour;
-    display::WindowImage mGray;
+    imaging::ConversionContext mConversion;
+    imaging::WindowImage mColour;
+    imaging::WindowImage mGray;
     std::string mScratch;
 };
 
@@ -207,9 +208,9 @@ bool write_index(const fs::path& path, const dump::DumpLayout& layout, const Rec
 
 // The model's range with the user's bounds over it; nothing (after saying why) when max is
 // not above min.
-std::optional<display::Range> range_of(display::Range model, const std::optional<float>& min,
+std::optional<imaging::Range> range_of(imaging::Range model, const std::optional<float>& min,
                                        const std::optional<float>& max, const char* name, std::FILE* err) {
-    const display::Range range{max.value_or(model.first), min.value_or(model.second)};
+    const imaging::Range range{max.value_or(model.first), min.value_or(model.second)};
     if (range.first > range.second) return range;
     std::fprintf(err, "lmr export: the %s range's max (%g) must be above its min (%g)\n", name, range.first,
                  range.second);
@@ -275,13 +276,13 @@ ExportStatus export_dump(const ExportOptions& options, std::FILE* err) {
         return ExportStatus::kFailed;
     }
 
-    const display::ModelRanges model = display::modelRanges(layout.cameraName());
+    const imaging::ModelRanges model = imaging::modelRanges(layout.cameraName());
     const auto depthRange = range_of(model.depth, options.depthMin, options.depthMax, "depth", err);
     const auto grayRange = range_of(model.gray, options.grayMin, options.grayMax, "gray", err);
     if (!depthRange || !grayRange) return ExportStatus::kFailed;
-    display::initColorMaps();
-    display::setDepthRange(*depthRange);
-    display::setGrayRange(*grayRange);
+    imaging::initColorMaps();
+    imaging::setDepthRange(*depthRange);
+    imaging::setGrayRange(*grayRange);
 
     std::error_code error;
     fs::create_directories(options.directory, error);

@@ -56,9 +56,9 @@ Outcome select(ShellContext& context, const std::string& argument) {
         const hs::Result result = context.camera->prepare();
         if (result != hs::RESULT_SUCCESS) print_result(result);
     }
-    const display::ModelRanges ranges = display::modelRanges(name);
-    display::setDepthRange(ranges.depth);
-    display::setGrayRange(ranges.gray);
+    const imaging::ModelRanges ranges = imaging::modelRanges(name);
+    imaging::setDepthRange(ranges.depth);
+    imaging::setGrayRange(ranges.gray);
     return std::nullopt;
 }
 

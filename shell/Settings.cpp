@@ -56,19 +56,19 @@ constexpr std::array<Resolution, 3> kResolutions = {{{160, 120}, {320, 240}, {64
 // A bound of a colour-map range, as (max, min) with the max first.
 enum class Bound { Max, Min };
 
-template <const display::Range* (*Get)(), void (*Set)(const display::Range&), Bound B>
+template <const imaging::Range* (*Get)(), void (*Set)(const imaging::Range&), Bound B>
 Outcome set_scale(ShellContext& /*context*/, const hs::LumoraProperty* value, const std::string& /*rest*/) {
     const auto number = number_of(value);
     if (!number) return kInvalid;
-    display::Range range = *Get();
+    imaging::Range range = *Get();
     (B == Bound::Max ? range.first : range.second) = static_cast<float>(*number);
     Set(range);
     return kSuccess;
 }
 
-template <const display::Range* (*Get)(), Bound B>
+template <const imaging::Range* (*Get)(), Bound B>
 Outcome get_scale(const char* key, ShellContext& /*context*/, const hs::LumoraProperty* /*value*/) {
-    const display::Range& range = *Get();
+    const imaging::Range& range = *Get();
     print_float(key, B == Bound::Max ? range.first : range.second);
     return std::nullopt;
 }
@@ -247,14 +247,14 @@ struct Setting {
 constexpr std::array<Setting, 13> kSettings = {{
     {"display", set_display, get_display},
     {"display_resolution", set_display_resolution, get_display_resolution},
-    {"scale_rgb_max", set_scale<display::getDepthRange, display::setDepthRange, Bound::Max>,
-     get_scale<display::getDepthRange, Bound::Max>},
-    {"scale_rgb_min", set_scale<display::getDepthRange, display::setDepthRange, Bound::Min>,
-     get_scale<display::getDepthRange, Bound::Min>},
-    {"scale_gray_max", set_scale<display::getGrayRange, display::setGrayRange, Bound::Max>,
-     get_scale<display::getGrayRange, Bound::Max>},
-    {"scale_gray_min", set_scale<display::getGrayRange, display::setGrayRange, Bound::Min>,
-     get_scale<display::getGrayRange, Bound::Min>},
+    {"scale_rgb_max", set_scale<imaging::getDepthRange, imaging::setDepthRange, Bound::Max>,
+     get_scale<imaging::getDepthRange, Bound::Max>},
+    {"scale_rgb_min", set_scale<imaging::getDepthRange, imaging::setDepthRange, Bound::Min>,
+     get_scale<imaging::getDepthRange, Bound::Min>},
+    {"scale_gray_max", set_scale<imaging::getGrayRange, imaging::setGrayRange, Bound::Max>,
+     get_scale<imaging::getGrayRange, Bound::Max>},
+    {"scale_gray_min", set_scale<imaging::getGrayRange, imaging::setGrayRange, Bound::Min>,
+     get_scale<imaging::getGrayRange, Bound::Min>},
     {"fps_error_check", set_fps_check, get_fps_check},
     {"fps_error_check_min", set_fps_bound<Bound::Min>, get_fps_bound<Bound::Min>},
     {"fps_error_check_max", set_fps_bound<Bound::Max>, get_fps_bound<Bound::Max>},

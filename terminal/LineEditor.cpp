@@ -69,10 +69,6 @@ void Terminal::addCommandWord(const std::string& word) {
         mCommandWords.push_back(word);
 }
 
-void Terminal::removeCommandWord(const std::string& word) {
-    mCommandWords.erase(std::remove(mCommandWords.begin(), mCommandWords.end(), word), mCommandWords.end());
-}
-
 void Terminal::showLine() { write(std::string(mLineBuffer.begin(), mLineBuffer.end())); }
 
 void Terminal::insertCharacter(char c) {

@@ -63,7 +63,6 @@ public:
     void setPrompt(const std::string& prompt);
     // Tab completion offers these words, in the order added; adding one twice keeps one.
     void addCommandWord(const std::string& word);
-    void removeCommandWord(const std::string& word);
     const History& history() const { return mHistory; }
 
 private:

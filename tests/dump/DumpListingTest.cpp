@@ -1,46 +1,13 @@
-// The inspector's output, line by line, and the scan of a whole file's layout, for files
-// built byte by byte here: every mode, and files that are odd, short or lie about their size.
+// The inspector's output, line by line, for files built byte by byte: every mode, and files
+// that are odd, short or lie about their size.
 #include <fstream>
 
-#include "DumpFile.h"
-#include "DumpScan.h"
+#include "DumpBytes.h"
+#include "DumpListing.h"
 #include "DumpTestSupport.h"
-#include "FrameDumpSink.h"
 
 namespace lumora::dump::test {
 namespace {
-
-// A dump file, little-endian field by field.
-class FileBytes {
-public:
-    FileBytes& number(std::uint64_t value, int width) {
-        for (int i = 0; i < width; ++i)
-            mBytes.push_back(static_cast<char>(value >> (8 * i)));
-        return *this;
-    }
-    FileBytes& text(const std::string& value, std::size_t width) {
-        std::string field = value;
-        field.resize(width, '\0');
-        mBytes += field;
-        return *this;
-    }
-    FileBytes& filler(std::size_t count) {
-        mBytes.append(count, '\x5a');
-        return *this;
-    }
-    FileBytes& head(std::uint16_t sync, int line, int count, int mode, int sourceTag = 1) {
-        number(sync, 2).number(line, 1).number(count, 2).number(mode, 2);
-        number(sourceTag, 2).text("sim", 8);
-        return number(2, 2).number(0x312, 2).text("2.3.0", 12).text("LM0536240000", 20).text("QRX100A", 16);
-    }
-    FileBytes& frame(int index, int width, int height, int size, std::uint64_t timestamp) {
-        return number(index, 1).number(width, 2).number(height, 2).number(size, 2).number(timestamp, 8);
-    }
-    const std::string& bytes() const { return mBytes; }
-
-private:
-    std::string mBytes;
-};
 
 const char* const kDescriptors =
     "[Source descriptor]\n"
@@ -90,7 +57,7 @@ protected:
     static std::string inspect(const FileBytes& file) {
         std::ofstream("in.lmr", std::ios::binary) << file.bytes();
         testing::internal::CaptureStdout();
-        FrameDumpSink::inspectDumpFile("in.lmr");
+        inspectDumpFile("in.lmr");
         return testing::internal::GetCapturedStdout();
     }
 };
@@ -148,51 +115,12 @@ TEST_F(DumpListingTest, PrintsOddAndShortFiles) {
 
 TEST_F(DumpListingTest, UnopenableAndEmptyPaths) {
     testing::internal::CaptureStdout();
-    FrameDumpSink::inspectDumpFile("no-such-dir/x.lmr");
-    FrameDumpSink::inspectDumpFile("");
+    inspectDumpFile("no-such-dir/x.lmr");
+    inspectDumpFile("");
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(out.rfind("\rE/FrameDumpSink:", 0) == 0 && out.find(": fail to open file!\n") != std::string::npos &&
                 out.find('[') == std::string::npos)
         << out;
-}
-
-// Records of 4x2 depth + amplitude with embedded lines: 15 + 4 + 2 x 16 bytes each.
-TEST_F(DumpListingTest, ScanFindsTheFirstProblem) {
-    const auto scan = [](const FileBytes& file) {
-        std::ofstream("in.lmr", std::ios::binary) << file.bytes();
-        const File in = open_file("in.lmr", "rb");
-        return scan_dump(in.get());
-    };
-    FileBytes whole;
-    whole.head(0x00DF, 1, 2, 1).frame(0, 4, 2, 2, 100).filler(4 + 32).frame(1, 4, 2, 2, 133).filler(36);
-    DumpLayout layout = scan(whole);
-    EXPECT_EQ(layout.problem, ScanProblem::kNone) << layout.problemText;
-    ASSERT_EQ(layout.records.size(), 2U);
-    // Copied out: gtest binds its arguments to references, which a packed field cannot take.
-    EXPECT_EQ(std::uint64_t{layout.records[1].timestamp}, 133U);
-    EXPECT_EQ(layout.recordBytes, 51U);
-    EXPECT_EQ(layout.dataOffset(1), kHeadBytes + 51 + 15 + 4);
-    EXPECT_EQ(layout.cameraName(), "QRX100A");
-
-    FileBytes cut = whole;
-    cut.frame(2, 4, 2, 2, 166).filler(35);
-    layout = scan(cut);
-    EXPECT_EQ(layout.problem, ScanProblem::kTruncatedRecord);
-    EXPECT_EQ(layout.problemOffset, kHeadBytes + 2 * 51);
-    EXPECT_EQ(layout.records.size(), 2U);
-
-    // An embedded line written at twice the frame width throws the next header off.
-    FileBytes longLine;
-    longLine.head(0x00DF, 1, 2, 1).frame(0, 4, 2, 2, 100).filler(8 + 32).frame(1, 4, 2, 2, 133).filler(40);
-    layout = scan(longLine);
-    EXPECT_EQ(layout.problem, ScanProblem::kRecordMismatch);
-    EXPECT_EQ(layout.problemOffset, kHeadBytes + 51);
-    EXPECT_NE(layout.problemText.find("embedded line of record 0"), std::string::npos) << layout.problemText;
-
-    EXPECT_EQ(scan(FileBytes().head(0x00DF, 0, 1, 0).frame(0, 4, 2, 4, 1).filler(32)).problem, ScanProblem::kBadRecord);
-    EXPECT_EQ(scan(FileBytes().head(0x01DF, 0, 0, 0)).problem, ScanProblem::kNotADump);
-    EXPECT_EQ(scan(FileBytes().head(0x00DF, 0, 0, 7)).problem, ScanProblem::kNotADump);
-    EXPECT_EQ(scan(FileBytes().number(0xDF, 2)).problem, ScanProblem::kShortHead);
 }
 
 }  // namespace

@@ -203,15 +203,16 @@ TEST_F(LmrInfo, FindsWhatIsWrongAndSaysSoInItsExitStatus) {
 }
 
 // The colour and gray images the live display shows for the record's planes.
-void displayed(const std::vector<std::uint16_t>& planes, int width, int height, display::WindowImage& colour,
-               display::WindowImage& gray) {
+void displayed(const std::vector<std::uint16_t>& planes, int width, int height, imaging::WindowImage& colour,
+               imaging::WindowImage& gray) {
     const std::size_t n = static_cast<std::size_t>(width) * height;
     const auto depth = hs::sim::make_frame(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_UINT16, width, height, 1, 0);
     const auto amplitude =
         hs::sim::make_frame(hs::LumoraFrame::FRAME_AMPLITUDE, hs::DATA_TYPE_UINT16, width, height, 1, 0);
     std::memcpy(hs::sim::frame_data(depth), planes.data(), n * 2);
     std::memcpy(hs::sim::frame_data(amplitude), planes.data() + n, n * 2);
-    display::convertDepthAmplitude(depth, amplitude, {width, height}, {0, 0}, {0, 0}, colour, gray);
+    imaging::ConversionContext context;
+    imaging::convertDepthAmplitude(context, depth, amplitude, {width, height}, {0, 0}, {0, 0}, colour, gray);
 }
 
 bool same(const cv::Mat& a, const cv::Mat& b) {
@@ -230,9 +231,9 @@ TEST_F(LmrExport, WritesTheRecordedValuesAndTheDisplaysPictures) {
     ASSERT_EQ(lmr::export_dump(options, stderr), lmr::ExportStatus::kDone);
 
     // The colour map from 500 to the model's far end, the model's gray range.
-    const display::ModelRanges model = display::modelRanges("QRX200AP");
-    display::setDepthRange({model.depth.first, 500.0F});
-    display::setGrayRange(model.gray);
+    const imaging::ModelRanges model = imaging::modelRanges("QRX200AP");
+    imaging::setDepthRange({model.depth.first, 500.0F});
+    imaging::setGrayRange(model.gray);
     std::ifstream index("out/index.csv");
     std::string row;
     std::getline(index, row);
@@ -242,8 +243,8 @@ TEST_F(LmrExport, WritesTheRecordedValuesAndTheDisplaysPictures) {
         const cv::Mat depth = cv::imread("out/record_000" + std::to_string(r) + "_depth.png", cv::IMREAD_UNCHANGED);
         EXPECT_TRUE(same(depth, cv::Mat(kHeight, kWidth, CV_16UC1, const_cast<std::uint16_t*>(planes.data()))))
             << "record " << r;
-        display::WindowImage colour;
-        display::WindowImage gray;
+        imaging::WindowImage colour;
+        imaging::WindowImage gray;
         displayed(planes, kWidth, kHeight, colour, gray);
         const std::string stem = "record_000" + std::to_string(r);
         EXPECT_TRUE(same(cv::imread("out/" + stem + "_depth_colour.png", cv::IMREAD_UNCHANGED), colour.image))

@@ -10,7 +10,7 @@
 
 namespace {
 
-using lumora::display::Range;
+using lumora::imaging::Range;
 using lumora::shell::run_command;
 
 TEST(SelectTest, SelectAppliesTheModelsRangesAndDeselectKeepsThem) {
@@ -32,11 +32,11 @@ TEST(SelectTest, SelectAppliesTheModelsRangesAndDeselectKeepsThem) {
     for (const auto& c : cases) {
         run_command(context, std::string("select ") + c.index);
         ASSERT_TRUE(context.camera) << c.index;
-        EXPECT_EQ(*lumora::display::getDepthRange(), c.depth) << c.index;
-        EXPECT_EQ(*lumora::display::getGrayRange(), c.gray) << c.index;
+        EXPECT_EQ(*lumora::imaging::getDepthRange(), c.depth) << c.index;
+        EXPECT_EQ(*lumora::imaging::getGrayRange(), c.gray) << c.index;
         run_command(context, "deselect");
         EXPECT_FALSE(context.camera);
-        EXPECT_EQ(*lumora::display::getDepthRange(), c.depth) << "deselect leaves the ranges";
+        EXPECT_EQ(*lumora::imaging::getDepthRange(), c.depth) << "deselect leaves the ranges";
     }
     const std::string output = testing::internal::GetCapturedStdout();
     EXPECT_NE(output.find("selected device(QRX100AW9:"), std::string::npos) << output;

@@ -2,8 +2,13 @@
 
 #include <cstdio>
 #include <string>
+#include <type_traits>
 
 namespace halden::sensor {
+
+// Its destruction at exit does nothing: threads may still log while the process exits, as
+// a fatal signal's exit runs beside them.
+static_assert(std::is_trivially_destructible_v<Log>);
 
 namespace {
 

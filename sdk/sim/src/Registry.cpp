@@ -52,16 +52,59 @@ Result remove_item(std::vector<T*>& list, T* item) {
     return RESULT_SUCCESS;
 }
 
+// The library's own keys; any other key is the selected camera's.
+struct LibraryKey {
+    const char* key;
+    Result (*set)(Registry& registry, const LumoraProperty& property);                // null for a read-only key
+    std::shared_ptr<SimProperty> (*get)(Registry& registry, const std::string& key);  // null for a write-only key
+};
+
+const LibraryKey kLibraryKeys[] = {
+    {"log_level",
+     [](Registry&, const LumoraProperty& property) {
+         int level = 0;
+         const Result result = integer_value(property, Log::LOG_NONE, Log::LOG_DEBUG, level);
+         if (result == RESULT_SUCCESS) Log::setLogLevel(static_cast<Log::LogLevel>(level));
+         return result;
+     },
+     [](Registry&, const std::string& key) { return SimProperty::makeInt32(key, Log::getLogLevel()); }},
+    {"sim_attach",
+     [](Registry& registry, const LumoraProperty& property) {
+         if (property.dataType() != DATA_TYPE_STRING) return RESULT_INVALID_PARAMETER;
+         return registry.attach(property.getString(""));
+     },
+     nullptr},
+    {"sim_detach",
+     [](Registry& registry, const LumoraProperty& property) {
+         int number = 0;
+         const Result result = integer_value(property, 0, INT32_MAX, number);
+         return result == RESULT_SUCCESS ? registry.detach(number) : result;
+     },
+     nullptr},
+    {"sim_devices", nullptr,
+     [](Registry& registry, const std::string& key) {
+         return SimProperty::makeString(key, registry.deviceList(), true);
+     }},
+};
+
+const LibraryKey* library_key(const std::string& key) {
+    for (const auto& entry : kLibraryKeys) {
+        if (key == entry.key) return &entry;
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 Registry& Registry::instance() {
-    static Registry registry;
-    return registry;
+    // Never destroyed: at exit, which a fatal signal may start on any thread (this one's
+    // hot-plug thread too), the library's threads may still call it, and joining them there
+    // could wait on the exiting thread itself.
+    static Registry* const registry = new Registry;
+    return *registry;
 }
 
 Registry::Registry() { load(); }
-
-Registry::~Registry() { mHotplug.shutdown(); }
 
 void Registry::load() {
     // Read when the library starts and on reset_devices(); the library never writes it.
@@ -248,40 +291,30 @@ std::shared_ptr<SimCamera> Registry::openCamera(const std::string& uri) {
     return nullptr;
 }
 
+std::string Registry::deviceList() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (!mSearchable) return "none";
+    std::string text;
+    for (const auto& source : mSources) {
+        text += (text.empty() ? "" : ",") + format_device(source->device());
+    }
+    return text;
+}
+
 Result Registry::setProperty(const std::shared_ptr<LumoraProperty>& property) {
     if (!property) return RESULT_INVALID_PARAMETER;
-    const std::string key = property->key();
-    if (key == "log_level") {
-        int level = 0;
-        const Result result = integer_value(*property, Log::LOG_NONE, Log::LOG_DEBUG, level);
-        if (result == RESULT_SUCCESS) Log::setLogLevel(static_cast<Log::LogLevel>(level));
-        return result;
+    if (const LibraryKey* own = library_key(property->key())) {
+        return own->set == nullptr ? RESULT_INVALID_OPERATION : own->set(*this, *property);
     }
-    if (key == "sim_attach") {
-        if (property->dataType() != DATA_TYPE_STRING) return RESULT_INVALID_PARAMETER;
-        return attach(property->getString(""));
-    }
-    if (key == "sim_detach") {
-        int number = 0;
-        const Result result = integer_value(*property, 0, INT32_MAX, number);
-        return result == RESULT_SUCCESS ? detach(number) : result;
-    }
-    if (key == "sim_devices") return RESULT_INVALID_OPERATION;
     const auto camera = selected();
     return camera ? camera->setProperty(property) : RESULT_NOT_SUPPORTED;
 }
 
 std::tuple<Result, std::shared_ptr<LumoraProperty>> Registry::getProperty(const std::string& key) {
-    if (key == "log_level") return {RESULT_SUCCESS, SimProperty::makeInt32(key, Log::getLogLevel())};
-    if (key == "sim_devices") {
-        std::string text;
-        std::lock_guard<std::mutex> lock(mMutex);
-        for (const auto& source : mSources) {
-            text += (text.empty() ? "" : ",") + format_device(source->device());
-        }
-        return {RESULT_SUCCESS, SimProperty::makeString(key, mSearchable ? text : "none", true)};
+    if (const LibraryKey* own = library_key(key)) {
+        if (own->get == nullptr) return {RESULT_INVALID_OPERATION, nullptr};
+        return {RESULT_SUCCESS, own->get(*this, key)};
     }
-    if (key == "sim_attach" || key == "sim_detach") return {RESULT_INVALID_OPERATION, nullptr};
     const auto camera = selected();
     if (!camera) return {RESULT_NOT_SUPPORTED, nullptr};
     return camera->getProperty(key);

@@ -17,8 +17,8 @@ namespace halden::sensor::sim {
 
 class Registry {
 public:
+    // Made on first use and never destroyed.
     static Registry& instance();
-    ~Registry();
 
     std::shared_ptr<LumoraSourceList> search();
     std::shared_ptr<LumoraCamera> create(const std::shared_ptr<LumoraSource>& source);
@@ -38,6 +38,8 @@ public:
     // logged and refused with RESULT_INVALID_PARAMETER.
     Result attach(const std::string& entry);
     Result detach(int number);
+    // The attached devices as a LUMORA_SIM_DEVICES value.
+    std::string deviceList();
     // The open camera on the device with this URI, or null.
     std::shared_ptr<SimCamera> openCamera(const std::string& uri);
     // Re-reads LUMORA_SIM_DEVICES; RESULT_USING_RESOURCES while a camera is open.

@@ -1,5 +1,7 @@
 #include "SerialExecutor.h"
 
+#include <pthread.h>
+
 namespace halden::sensor::sim {
 
 SerialExecutor::SerialExecutor() : mWorker([this] { work(); }) { mWorkerId = mWorker.get_id(); }
@@ -30,6 +32,7 @@ void SerialExecutor::shutdown() {
 }
 
 void SerialExecutor::work() {
+    pthread_setname_np(pthread_self(), "lumora-events");
     std::unique_lock<std::mutex> lock(mMutex);
     while (true) {
         mWake.wait(lock, [this] { return mStopping || !mTasks.empty(); });

@@ -16,7 +16,9 @@
 #include <halden/sensor/LumoraCamera.h>
 #include <halden/sensor/LumoraSink.h>
 
+#include "CameraProperties.h"
 #include "DeviceConfig.h"
+#include "FrameSource.h"
 #include "Recording.h"
 #include "Scene.h"
 #include "SerialExecutor.h"
@@ -50,7 +52,7 @@ class SimCamera final : public LumoraCamera {
 public:
     // `recording` is the file a replay device plays, read by the caller; null for a device
     // that renders its scene.
-    explicit SimCamera(std::shared_ptr<SimSource> source, std::shared_ptr<const Recording> recording = nullptr);
+    explicit SimCamera(std::shared_ptr<SimSource> source, const std::shared_ptr<const Recording>& recording = nullptr);
     ~SimCamera() override;
 
     State state() const override;
@@ -79,13 +81,12 @@ public:
     // The device went away: a running camera reports RESULT_NO_SUCH_DEVICE and the states
     // of a stop and a release; every operation then answers RESULT_NO_SUCH_DEVICE.
     void unplug();
-    // The next deadline delivers this list instead of a rendered one.
+    // The next deadline delivers this list instead of one of its own.
     Result injectFrameList(std::shared_ptr<LumoraFrameList> list);
     Result injectError(Result error);
 
 private:
     Result usable() const;  // mMutex held
-    int firmwareVersion() const;
     bool onDeliveryThread() const { return std::this_thread::get_id() == mDeliveryId.load(); }
     std::vector<LumoraSink*> sinks() const;
     // Queue a callback to every sink (and, for the prepared state, first to every prepared
@@ -96,25 +97,23 @@ private:
     Result stopLocked(std::unique_lock<std::mutex>& control);
     // With mControl held: stop if running, then release.
     void shutDownLocked(std::unique_lock<std::mutex>& control);
+    // Applies the properties `at(0)` to `at(count - 1)` (null for a missing one) to the
+    // settings, all or none.
+    template <typename At>
+    Result changeSettings(std::size_t count, const At& at);
+    CameraFacts facts() const;  // mMutex held
     void deliver();
-    void play();  // deliver() of a replay device
     // Hands a list to every sink; mMutex held on entry and on return, not during the calls.
     void handOver(std::shared_ptr<LumoraFrameList> list, std::unique_lock<std::mutex>& lock);
     std::shared_ptr<SimFrameList> acquireList(std::uint32_t mask, const SceneSettings& settings);
-    std::shared_ptr<SimFrameList> makeList(std::uint32_t mask, const SceneSettings& settings) const;
-    // Copies a record into a list made by makeList(), with its embedded line when wanted.
-    void fillFromRecording(std::size_t record, std::uint32_t frameNumber, bool withLine, SimFrameList& list) const;
-    // What a replay device refuses of new settings: anything but the embedded line, which it
-    // can only give when the file has them.
-    Result recordingRefuses(const SceneSettings& settings) const;
     std::uint64_t microsecondsSinceOpen(std::chrono::steady_clock::time_point when) const;
 
     const std::shared_ptr<SimSource> mSource;
     const ModelInfo mModel;
     const std::chrono::steady_clock::time_point mOpened;
-    const std::shared_ptr<const Recording> mRecording;  // null for a rendered device
+    const int mFirmwareVersion;
     const std::vector<LensCalibration> mLenses;
-    std::unique_ptr<Scene> mScene;  // rendered on the delivery thread only; null for a replay
+    const std::unique_ptr<FrameSource> mFrames;  // fill() on the delivery thread only
 
     std::mutex mControl;  // serialises the life cycle; held while joining the delivery thread
 

@@ -72,8 +72,9 @@ bool has_key(const LumoraProperty& property, const std::string& key) {
 }  // namespace
 
 const std::string& embedded_line_key() {
-    static const std::string key = "embedded_data_line";
-    return key;
+    // Never destroyed: a delivery thread may still use it while the process exits.
+    static const std::string* const key = new std::string("embedded_data_line");
+    return *key;
 }
 
 SimFrame::SimFrame(FrameType type, DataType dataType, int width, int height)

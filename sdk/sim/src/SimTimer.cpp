@@ -8,6 +8,8 @@
 #include <mutex>
 #include <thread>
 
+#include <pthread.h>
+
 #include <halden/sensor/Timer.h>
 
 namespace halden::sensor {
@@ -73,6 +75,7 @@ public:
 
 private:
     void work() {
+        pthread_setname_np(pthread_self(), "lumora-timer");
         std::unique_lock<std::mutex> lock(mMutex);
         while (!mShutdown) {
             if (!mArmed) {

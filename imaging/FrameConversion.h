@@ -1,8 +1,8 @@
-// Frame-to-image conversion for the live display: pure functions from library frames to
-// 8-bit images, read-out texts and marker colours, with no window involved. Every function
-// may be called from any thread; they read the colour and gray tables without a lock. A
-// calling thread that converts large images keeps a helper thread (HelperThread.h), which
-// ends with it.
+// Frame-to-image conversion: functions from library frames to 8-bit images, read-out texts
+// and marker colours, with no window involved. Every function may be called from any thread;
+// a conversion reads the colour and gray tables through one view for its whole frame
+// (ColorMaps.h), so its images show one rebuild's tables. The conversions of large images
+// work with the helper thread of a conversion context that the caller owns.
 #pragma once
 
 #include <memory>
@@ -13,7 +13,9 @@
 #include <halden/sensor/LumoraCalibration.h>
 #include <halden/sensor/LumoraFrame.h>
 
-namespace lumora::display {
+#include "HelperThread.h"
+
+namespace lumora::imaging {
 
 // One window's picture: the image (empty when there was no frame of its kind), the text that
 // follows the window name in its title, and the marker colour (inverse of the pixel at the
@@ -22,6 +24,24 @@ struct WindowImage {
     cv::Mat image;
     std::string readout;
     cv::Scalar marker;
+};
+
+// What a converting thread keeps from one conversion to the next: its helper thread, started
+// at the first large image and joined when the context is destroyed, and the point-cloud
+// buffers (about 29 bytes a point; fresh buffers this large would come from the kernel at a
+// page fault per 4 KiB on every frame). The caller owns it and passes it to one conversion at
+// a time; threads that take turns with one context must be ordered (e.g. by a join). Its
+// members are the conversion's own.
+struct ConversionContext {
+    struct CloudBuffers {
+        cv::Mat points;
+        cv::Mat projected;
+        cv::Mat pixels;
+        cv::Mat colours;
+        cv::Mat levels;
+    };
+    HelperThread helper;
+    CloudBuffers cloud;
 };
 
 // The size a frame is shown at: its own, unless both display sides are positive and smaller
@@ -34,8 +54,8 @@ cv::Size displaySize(cv::Size frame, int displayWidth, int displayHeight);
 // integer within 0..65535 (NaN reads 0) before the look-up. Either frame may be null; its
 // image is then left empty. The points are in displayed-image coordinates; a point outside
 // the image reads value 0 and takes black as its pixel. Images of 65536 pixels or more are
-// shared out in pieces of rows between the caller and its helper thread.
-void convertDepthAmplitude(const std::shared_ptr<halden::sensor::LumoraFrame>& depth,
+// shared out in pieces of rows between the caller and the context's helper thread.
+void convertDepthAmplitude(ConversionContext& context, const std::shared_ptr<halden::sensor::LumoraFrame>& depth,
                            const std::shared_ptr<halden::sensor::LumoraFrame>& amplitude, cv::Size display,
                            cv::Point depthPoint, cv::Point amplitudePoint, WindowImage& depthImage,
                            WindowImage& amplitudeImage);
@@ -55,13 +75,12 @@ Projection defaultProjection(cv::Size frame);
 // with z > 0 is coloured from z in millimetres through the depth tables and, for type 16,
 // its intensity through the gray table into `intensityImage`. The read-out value is the
 // frame's z at the point, in millimetres, truncated. Clouds of 20000 points or more are
-// gathered and projected by the caller and its helper thread. The calling thread keeps its
-// gather, projection and placing buffers (about 29 bytes a point) for its next call until
-// it ends. Frames of other data types leave both images empty; `intensityImage` may be null
-// for type 8.
-void convertPointCloud(const std::shared_ptr<halden::sensor::LumoraFrame>& frame, const Projection& projection,
-                       cv::Size display, cv::Point depthPoint, cv::Point intensityPoint, WindowImage& depthImage,
-                       WindowImage* intensityImage);
+// gathered and projected by the caller and the context's helper thread; the gather,
+// projection and placing buffers are the context's. Frames of other data types leave both
+// images empty; `intensityImage` may be null for type 8.
+void convertPointCloud(ConversionContext& context, const std::shared_ptr<halden::sensor::LumoraFrame>& frame,
+                       const Projection& projection, cv::Size display, cv::Point depthPoint, cv::Point intensityPoint,
+                       WindowImage& depthImage, WindowImage* intensityImage);
 
 // A filled circle of radius 4 in the marker colour at the point (clipped at the border).
 void drawMarker(WindowImage& image, cv::Point point);
@@ -74,4 +93,4 @@ cv::Mat framerateImage(const std::string& fpsText);
 // piece per frame with the value at the frame centre.
 std::string consoleReadout(const std::string& fpsText, const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
 
-}  // namespace lumora::display
+}  // namespace lumora::imaging

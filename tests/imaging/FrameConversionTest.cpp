@@ -18,7 +18,7 @@
 #include "ColorMaps.h"
 #include "FrameConversion.h"
 
-namespace lumora::display {
+namespace lumora::imaging {
 namespace {
 
 namespace hs = halden::sensor;
@@ -44,9 +44,11 @@ Frame basicFrame(hs::LumoraFrame::FrameType type, hs::DataType dataType, const s
 
 // The rule itself, pixel by pixel: depth -> palette index (at most 1281) -> three bytes.
 cv::Vec3b ruleColour(std::uint16_t depth) {
-    const std::uint16_t k = std::min<std::uint16_t>(depthIndexTable()[depth], kPaletteMissing);
+    const std::uint16_t k = std::min<std::uint16_t>(TableView().depthIndex()[depth], kPaletteMissing);
     return {palette()[0][k], palette()[1][k], palette()[2][k]};
 }
+
+std::uint8_t grayOf(std::uint16_t amplitude) { return TableView().gray()[amplitude]; }
 
 class FrameConversion : public testing::Test {
 protected:
@@ -59,6 +61,7 @@ protected:
         mValues[0] = 0;
     }
     std::vector<std::uint16_t> mValues;
+    ConversionContext mContext;
 };
 
 TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
@@ -73,7 +76,7 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
         WindowImage depth;
         WindowImage amplitude;
         const cv::Point point(10, 20);
-        convertDepthAmplitude(basicFrame(hs::LumoraFrame::FRAME_DEPTH, dataType, mValues, width, height),
+        convertDepthAmplitude(mContext, basicFrame(hs::LumoraFrame::FRAME_DEPTH, dataType, mValues, width, height),
                               basicFrame(hs::LumoraFrame::FRAME_AMPLITUDE, dataType, mValues, width, height),
                               {width, height}, point, {width - 1, height - 1}, depth, amplitude);
         ASSERT_EQ(depth.image.type(), CV_8UC3);
@@ -82,7 +85,7 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
             for (int x = 0; x < width; ++x) {
                 const std::uint16_t value = mValues[static_cast<std::size_t>(y * width + x) % mValues.size()];
                 ASSERT_EQ(depth.image.at<cv::Vec3b>(y, x), ruleColour(value)) << x << "," << y;
-                ASSERT_EQ(amplitude.image.at<std::uint8_t>(y, x), grayTable()[value]) << x << "," << y;
+                ASSERT_EQ(amplitude.image.at<std::uint8_t>(y, x), grayOf(value)) << x << "," << y;
             }
         // Depth 0 is missing and black.
         EXPECT_EQ(depth.image.at<cv::Vec3b>(0, 0), cv::Vec3b(0, 0, 0));
@@ -93,7 +96,7 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
         // The marker is the pixel's inverse, and drawn over it.
         const cv::Vec3b pixel = ruleColour(atPoint);
         EXPECT_EQ(depth.marker, cv::Scalar(255 - pixel[0], 255 - pixel[1], 255 - pixel[2], 0));
-        const int gray = 255 - grayTable()[atCorner];
+        const int gray = 255 - grayOf(atCorner);
         EXPECT_EQ(amplitude.marker, cv::Scalar(gray, gray, gray, 0));
         drawMarker(depth, point);
         EXPECT_EQ(depth.image.at<cv::Vec3b>(point), cv::Vec3b(255 - pixel[0], 255 - pixel[1], 255 - pixel[2]));
@@ -116,9 +119,9 @@ TEST_F(FrameConversion, DepthAndAmplitudeFollowTheTablesForBothDataTypes) {
         static_cast<float*>(hs::sim::frame_data(odd))[i] = rounding[static_cast<std::size_t>(i)].first;
     WindowImage none;
     WindowImage amplitude;
-    convertDepthAmplitude(nullptr, odd, {count, 1}, {0, 0}, {0, 0}, none, amplitude);
+    convertDepthAmplitude(mContext, nullptr, odd, {count, 1}, {0, 0}, {0, 0}, none, amplitude);
     for (int i = 0; i < count; ++i)
-        EXPECT_EQ(amplitude.image.at<std::uint8_t>(0, i), grayTable()[rounding[static_cast<std::size_t>(i)].second])
+        EXPECT_EQ(amplitude.image.at<std::uint8_t>(0, i), grayOf(rounding[static_cast<std::size_t>(i)].second))
             << rounding[static_cast<std::size_t>(i)].first;
     EXPECT_TRUE(none.image.empty());
 }
@@ -136,7 +139,7 @@ TEST_F(FrameConversion, ScalesDownOnlyByNearestNeighbour) {
     cv::resize(values, nearest, shown, 0, 0, cv::INTER_NEAREST);
     WindowImage depth;
     WindowImage amplitude;
-    convertDepthAmplitude(frame, nullptr, shown, {3, 4}, {0, 0}, depth, amplitude);
+    convertDepthAmplitude(mContext, frame, nullptr, shown, {3, 4}, {0, 0}, depth, amplitude);
     ASSERT_EQ(depth.image.size(), shown);
     for (int y = 0; y < shown.height; ++y)
         for (int x = 0; x < shown.width; ++x)
@@ -178,7 +181,7 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) planes[3 * n + hole + 1] = 150.0F;
         WindowImage depth;
         WindowImage intensity;
-        convertPointCloud(frame, lens, {width, height}, {5, 6}, {5, 6}, depth, &intensity);
+        convertPointCloud(mContext, frame, lens, {width, height}, {5, 6}, {5, 6}, depth, &intensity);
         ASSERT_EQ(depth.image.size(), cv::Size(width, height));
         EXPECT_EQ(depth.image.at<cv::Vec3b>(height - 1, width - 1), cv::Vec3b(0, 0, 0)) << "nothing projects there";
         EXPECT_EQ(depth.image.at<cv::Vec3b>(30, 40), ruleColour(1000));
@@ -192,8 +195,8 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         EXPECT_EQ(cv::countNonZero(offImage), 0);
         EXPECT_EQ(depth.readout, "  x:5, y:6, z:2000");
         if (type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) {
-            EXPECT_EQ(intensity.image.at<std::uint8_t>(height - 1, 0), grayTable()[100]);
-            EXPECT_EQ(intensity.image.at<std::uint8_t>(20, 11), grayTable()[150]);
+            EXPECT_EQ(intensity.image.at<std::uint8_t>(height - 1, 0), grayOf(100));
+            EXPECT_EQ(intensity.image.at<std::uint8_t>(20, 11), grayOf(150));
             EXPECT_EQ(intensity.readout, "  x:5, y:6, a:100");
         } else {
             EXPECT_TRUE(intensity.image.empty());
@@ -201,7 +204,8 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
     }
     // 16-bit point clouds are not drawn.
     WindowImage depth;
-    convertPointCloud(hs::sim::make_frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_UINT16, 8, 8, 1, 0), lens,
+    convertPointCloud(mContext,
+                      hs::sim::make_frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_UINT16, 8, 8, 1, 0), lens,
                       {8, 8}, {0, 0}, {0, 0}, depth, nullptr);
     EXPECT_TRUE(depth.image.empty());
 }
@@ -229,4 +233,4 @@ TEST_F(FrameConversion, ConsoleReadoutAndFramerateImage) {
 }
 
 }  // namespace
-}  // namespace lumora::display
+}  // namespace lumora::imaging

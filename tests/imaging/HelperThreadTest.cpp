@@ -9,7 +9,7 @@
 
 #include "HelperThread.h"
 
-namespace lumora::display {
+namespace lumora::imaging {
 namespace {
 
 // Runs one job and checks that each position ran exactly once.
@@ -56,4 +56,4 @@ TEST(HelperThread, EveryPieceRunsOnceWhetherTheHelperWatchesSleepsOrIsGone) {
 }
 
 }  // namespace
-}  // namespace lumora::display
+}  // namespace lumora::imaging

@@ -1,25 +1,61 @@
-// Design: the shell thread rebuilds a table under its range's lock; the renderer's thread
-// reads the tables with no lock at all. That race is deliberate: a reader may see one table
-// partly rebuilt, for at most one frame, and every entry it can see at any moment (old, new
-// or the fill value) is a valid palette index or gray level. The depth colour table follows
-// the index table entry by entry once that is rebuilt, so between the two a reader sees old
-// or new colours, each a palette entry; its entries are atomics read and written relaxed.
-// The palette is written once, before any reader starts.
+// Design note: the shell thread (any thread calling a setter) produces tables; renderers and
+// other converting threads read them through views, with no lock. Each table has two
+// buffers: a rebuild, under its range's lock, fills the one not published and publishes it
+// with one atomic pointer store, so a reader sees the old table or the new one, never a mix.
+// The buffer a rebuild fills was published until the previous rebuild, and views taken
+// before that may still read it: each buffer counts its views, a view counts itself in and
+// then checks that the buffer is still the published one (else it counts itself out and
+// tries again), and a rebuild waits until the buffer it is about to fill has no views. Every
+// one of these atomics is sequentially consistent, which makes the count and the check
+// exclusive: a view that a waiting rebuild does not see checks after the rebuild published
+// the other buffer, and so does not read this one. The palette is written once, before any
+// reader starts.
 #include "ColorMaps.h"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
+#include <thread>
 
-namespace lumora::display {
+namespace lumora::imaging {
 
 namespace {
+
+// A table in two buffers, one of them published.
+template <typename Table>
+struct Published {
+    std::array<Table, 2> buffers{};
+    std::atomic<const Table*> current{&buffers[0]};
+    std::array<std::atomic<int>, 2> views{};
+
+    std::size_t slot(const Table* table) const { return table == &buffers[0] ? 0 : 1; }
+
+    const Table* hold() {
+        for (;;) {
+            const Table* table = current.load();
+            std::atomic<int>& count = views[slot(table)];
+            count.fetch_add(1);
+            if (current.load() == table) return table;
+            count.fetch_sub(1);
+        }
+    }
+    void release(const Table* table) { views[slot(table)].fetch_sub(1); }
+
+    // Under the range's lock: the buffer not published, once no view reads it.
+    Table& spare() {
+        const std::size_t free = 1 - slot(current.load());
+        while (views[free].load() != 0)
+            std::this_thread::yield();
+        return buffers[free];
+    }
+    void publish(const Table& table) { current.store(&table); }
+};
 
 Palette gPalette;
 // The palette as packed pixels, for composing the depth colour table.
 std::array<std::uint32_t, kPaletteSize> gPackedPalette;
-DepthIndexTable gDepthIndex;
-DepthColourTable gDepthColour;
-GrayTable gGray;
+Published<DepthTables> gDepth;
+Published<GrayTable> gGray;
 Range gDepthRange{3000.0F, 0.0F};
 Range gGrayRange{200.0F, 0.0F};
 std::mutex gDepthMutex;
@@ -71,47 +107,62 @@ void buildPalette() {
                             static_cast<std::uint32_t>(third[k]) << 16U;
 }
 
-// Every entry, the never-built last one included, from the index table as it now stands.
-void composeDepthColours() {
+// Every entry, the never-built last one included, from the index table beside it.
+void composeDepthColours(DepthTables& tables) {
     for (std::size_t d = 0; d < kSampleTableSize; ++d)
-        gDepthColour[d].store(gPackedPalette[std::min(gDepthIndex[d], kPaletteMissing)], std::memory_order_relaxed);
+        tables.colour[d] = gPackedPalette[std::min(tables.index[d], kPaletteMissing)];
 }
 
 // Divides before multiplying; in single precision the order shows: with (1000, 1.6) depth 25
 // maps to 29, the other order gives 30.
-void rebuildDepthIndexTable(const Range& range) {
+void rebuildDepthIndexTable(const Range& range, DepthIndexTable& index) {
     const auto [high, low] = range;
     const float span = high - low;
-    std::fill(gDepthIndex.begin(), gDepthIndex.end() - 1, kPaletteFar);
-    gDepthIndex[0] = kPaletteMissing;
+    std::fill(index.begin(), index.end() - 1, kPaletteFar);
+    index[0] = kPaletteMissing;
     for (std::size_t d = 1; d < kSampleTableSize - 1; ++d) {
         const auto depth = static_cast<float>(d);
         if (depth < low) {
-            gDepthIndex[d] = 0;
+            index[d] = 0;
         } else if (depth > high) {
             break;
         } else {
-            gDepthIndex[d] = static_cast<std::uint16_t>(truncate((depth - low) / span * 1280.0F));
+            index[d] = static_cast<std::uint16_t>(truncate((depth - low) / span * 1280.0F));
         }
     }
 }
 
 // Multiplies before dividing (with (200, 0.4) amplitude 200 maps to 254, the other order
 // gives 255); amplitude 0 is an ordinary value here.
-void rebuildGrayTable(const Range& range) {
+void rebuildGrayTable(const Range& range, GrayTable& gray) {
     const auto [high, low] = range;
     const float span = high - low;
-    std::fill(gGray.begin(), gGray.end() - 1, std::uint8_t{255});
+    std::fill(gray.begin(), gray.end() - 1, std::uint8_t{255});
     for (std::size_t a = 0; a < kSampleTableSize - 1; ++a) {
         const auto amplitude = static_cast<float>(a);
         if (amplitude < low) {
-            gGray[a] = 0;
+            gray[a] = 0;
         } else if (amplitude > high) {
             break;
         } else {
-            gGray[a] = level((amplitude - low) * 255.0F / span);
+            gray[a] = level((amplitude - low) * 255.0F / span);
         }
     }
+}
+
+// Under the depth range's lock.
+void rebuildDepth() {
+    DepthTables& tables = gDepth.spare();
+    rebuildDepthIndexTable(gDepthRange, tables.index);
+    composeDepthColours(tables);
+    gDepth.publish(tables);
+}
+
+// Under the gray range's lock.
+void rebuildGray() {
+    GrayTable& gray = gGray.spare();
+    rebuildGrayTable(gGrayRange, gray);
+    gGray.publish(gray);
 }
 
 }  // namespace
@@ -125,30 +176,40 @@ ModelRanges modelRanges(const std::string& model) {
 
 void initColorMaps() {
     std::call_once(gPaletteOnce, buildPalette);
-    rebuildDepthIndexTable(gDepthRange);
-    composeDepthColours();
-    rebuildGrayTable(gGrayRange);
+    {
+        const std::lock_guard<std::mutex> lock(gDepthMutex);
+        rebuildDepth();
+    }
+    const std::lock_guard<std::mutex> lock(gGrayMutex);
+    rebuildGray();
 }
 
 void setDepthRange(const Range& range) {
     const std::lock_guard<std::mutex> lock(gDepthMutex);
     gDepthRange = range;
-    rebuildDepthIndexTable(gDepthRange);
-    composeDepthColours();
+    rebuildDepth();
 }
 
 void setGrayRange(const Range& range) {
     const std::lock_guard<std::mutex> lock(gGrayMutex);
     gGrayRange = range;
-    rebuildGrayTable(gGrayRange);
+    rebuildGray();
 }
 
 const Range* getDepthRange() { return &gDepthRange; }
 const Range* getGrayRange() { return &gGrayRange; }
 
 const Palette& palette() { return gPalette; }
-const DepthIndexTable& depthIndexTable() { return gDepthIndex; }
-const GrayTable& grayTable() { return gGray; }
-const DepthColourTable& depthColourTable() { return gDepthColour; }
 
-}  // namespace lumora::display
+TableView::TableView() : mDepth(gDepth.hold()), mGray(gGray.hold()) {}
+
+TableView::~TableView() {
+    gDepth.release(mDepth);
+    gGray.release(mGray);
+}
+
+const DepthIndexTable& TableView::depthIndex() const { return mDepth->index; }
+const DepthColourTable& TableView::depthColour() const { return mDepth->colour; }
+const GrayTable& TableView::gray() const { return *mGray; }
+
+}  // namespace lumora::imaging

@@ -4,13 +4,12 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
 
-namespace lumora::display {
+namespace lumora::imaging {
 
 inline constexpr std::size_t kPaletteSize = 1282;
 // The far end of the ramp; depths beyond the range map here.
@@ -28,8 +27,13 @@ using DepthIndexTable = std::array<std::uint16_t, kSampleTableSize>;
 using GrayTable = std::array<std::uint8_t, kSampleTableSize>;
 // Entry d is the pixel of depth d, palette entry min(index[d], kPaletteMissing) packed as
 // byte 0 | byte 1 << 8 | byte 2 << 16 (the top byte 0): one look-up instead of index then
-// palette. Entries are read with relaxed loads while a rebuild may be storing them.
-using DepthColourTable = std::array<std::atomic<std::uint32_t>, kSampleTableSize>;
+// palette.
+using DepthColourTable = std::array<std::uint32_t, kSampleTableSize>;
+// The two depth tables of one rebuild.
+struct DepthTables {
+    DepthIndexTable index;
+    DepthColourTable colour;
+};
 // (max, min), in that order.
 using Range = std::pair<float, float>;
 
@@ -41,15 +45,17 @@ struct ModelRanges {
 ModelRanges modelRanges(const std::string& model);
 
 // Builds the palette once per process (concurrent first calls build it once), then the depth
-// and gray tables from the current ranges. Takes neither range lock: call it before any
-// thread uses the setters. Until it has run the tables must not be used.
+// and gray tables from the current ranges, as the setters do. Until it has run the tables
+// must not be used.
 void initColorMaps();
 
-// Shell thread. Store the range and rebuild its table under that range's own lock (the
-// depth range also the depth colour table, after the index table); the tables are complete
-// for the new range when the call returns. A max equal to the min or
-// below it is accepted: values below the min map to 0, the others above the max to the far
-// entry (gray 255), and a value equal to both to 0.
+// Shell thread. Store the range and rebuild its tables under that range's own lock: the new
+// tables are built aside and then published at once (the depth range's index table and depth
+// colour table together); a view taken after the call returns sees them. A max equal to the
+// min or below it is accepted: values below the min map to 0, the others above the max to
+// the far entry (gray 255), and a value equal to both to 0. Each table has two buffers, so a
+// rebuild waits for the views of the buffer it rewrites (those taken before the previous
+// rebuild of that range) to end: never call a setter while holding a view.
 void setDepthRange(const Range& range);
 void setGrayRange(const Range& range);
 
@@ -58,12 +64,29 @@ void setGrayRange(const Range& range);
 const Range* getDepthRange();
 const Range* getGrayRange();
 
-// Read by the renderer without a lock: during a rebuild a reader may see a table partly
-// rebuilt (one frame of mixed colours), never an index outside the palette nor a colour
-// that is not a palette entry.
+// Written once, before any reader starts; read without a lock.
 const Palette& palette();
-const DepthIndexTable& depthIndexTable();
-const GrayTable& grayTable();
-const DepthColourTable& depthColourTable();
 
-}  // namespace lumora::display
+// A reader's hold on the depth and gray tables, taken without a lock by any thread (one per
+// frame: a conversion takes one for its whole frame). Each table it gives is whole as one
+// rebuild left it, old or new, never a mix, with the depth index and colour tables from the
+// same rebuild; none of them changes while the view lives, since a rebuild that would
+// rewrite them waits for the view to end. So keep a view no longer than a frame, and do not
+// call a setter while holding one. The references are valid while the view lives.
+class TableView {
+public:
+    TableView();
+    ~TableView();
+    TableView(const TableView&) = delete;
+    TableView& operator=(const TableView&) = delete;
+
+    const DepthIndexTable& depthIndex() const;
+    const DepthColourTable& depthColour() const;
+    const GrayTable& gray() const;
+
+private:
+    const DepthTables* mDepth;
+    const GrayTable* mGray;
+};
+
+}  // namespace lumora::imaging

@@ -1,4 +1,4 @@
-// Design note: the owning thread produces jobs, one at a time; the helper consumes them. The
+// Design note: the calling thread produces jobs, one at a time; the helper consumes them. The
 // caller writes the job and stores kOffered; the helper takes it by exchanging kOffered for
 // kTaken; both then claim pieces from an atomic counter. When the caller runs out of pieces
 // it exchanges kOffered back for kIdle: if that fails the helper has taken the job, and the
@@ -14,7 +14,7 @@
 #include <system_error>
 #include <thread>
 
-namespace lumora::display {
+namespace lumora::imaging {
 
 namespace {
 
@@ -123,9 +123,4 @@ void HelperThread::serve() {
     }
 }
 
-HelperThread& helperOfThisThread() {
-    thread_local HelperThread helper;
-    return helper;
-}
-
-}  // namespace lumora::display
+}  // namespace lumora::imaging

@@ -1,4 +1,4 @@
-// A second thread that one calling thread keeps for sharing a job's pieces with it.
+// A second thread that its owner keeps for sharing a job's pieces with it.
 //
 // The caller and the helper claim pieces of a job in turn until none are left. A helper that
 // has not taken the job by the time the caller runs out of pieces never takes it, so a helper
@@ -24,7 +24,7 @@
 #include <mutex>
 #include <thread>
 
-namespace lumora::display {
+namespace lumora::imaging {
 
 class HelperThread {
 public:
@@ -38,7 +38,7 @@ public:
     HelperThread(const HelperThread&) = delete;
     HelperThread& operator=(const HelperThread&) = delete;
 
-    // Owning thread only. Runs work over [0, count) in pieces of `piece` (at least 1), claimed
+    // One calling thread at a time. Runs work over [0, count) in pieces of `piece` (at least 1), claimed
     // by the caller and the helper, and returns when every piece has run and the helper no
     // longer touches `work`. Without a helper (it could not be started, or the other core
     // looked busy in a recent job) the caller runs every piece.
@@ -70,13 +70,10 @@ private:
     std::atomic<bool> mSleeping{false};
     std::mutex mMutex;
     std::condition_variable mWake;
-    // Owning thread only.
+    // The calling thread only.
     bool mTried = false;
     int mAloneFor = 0;
     std::thread mThread;
 };
 
-// The calling thread's own helper, made at its first use and ended (joined) with the thread.
-HelperThread& helperOfThisThread();
-
-}  // namespace lumora::display
+}  // namespace lumora::imaging

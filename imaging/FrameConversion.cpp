@@ -1,31 +1,24 @@
-// Design note: large conversions share their work with the calling thread's helper
-// (HelperThread): depth and amplitude in pieces of rows, point clouds in pieces of pixels to
+// Design note: large conversions share their work with the helper thread of the caller's
+// conversion context (HelperThread): depth and amplitude in pieces of rows, point clouds in pieces of pixels to
 // gather and project. Each piece writes only its own rows or its own part of the buffers;
 // share() returns only when every piece is done and the helper has let go of the job, and
 // only then are the images and buffers read (read-outs, markers, drawing in pixel order).
 #include "FrameConversion.h"
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
-
 #include <opencv2/calib3d.hpp>
-#include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "ColorMaps.h"
-#include "HelperThread.h"
+#include "ConversionKernels.h"
 
-namespace lumora::display {
+namespace lumora::imaging {
 
 namespace hs = halden::sensor;
 
@@ -41,20 +34,6 @@ constexpr std::size_t kSplitPixels = 65536;
 // processor's prefetching to keep up.
 constexpr std::size_t kPiecePoints = 16384;
 constexpr std::size_t kPiecePixels = 32768;
-
-// Float samples read as the nearest integer within the 16-bit range, halves up, without
-// libm. Anything below 0.5 (NaN and negatives too: they fail the comparison) reads 0; from
-// 0.5 on, v + 0.5 truncated is the same half-up rounding, as the sum is exact or rounds
-// within the same integer there. 0.5 minus an ulp, whose sum would round up to 1, is below
-// the cut. The vector forms below follow this rule lane by lane.
-inline std::uint16_t toSample(float value) {
-    value = value > 65535.0F ? 65535.0F : value;
-    return value >= 0.5F ? static_cast<std::uint16_t>(static_cast<std::int32_t>(value + 0.5F)) : 0;
-}
-
-inline std::uint32_t colourOf(const DepthColourTable& colours, std::uint16_t depth) {
-    return colours[depth].load(std::memory_order_relaxed);
-}
 
 // The source column or row that each displayed one shows, as cv::resize picks it for
 // nearest-neighbour scaling.
@@ -78,68 +57,6 @@ const std::uint16_t* samplesOf(const std::uint16_t* source, const int* columns, 
         scratch[i] = source[columns[i]];
     return scratch;
 }
-#if CV_SIMD128
-// toSample on four floats.
-inline cv::v_int32x4 toSamples4(cv::v_float32x4 value) {
-    const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
-    value = cv::v_min(value & (value >= half), cv::v_setall_f32(65535.0F));
-    return cv::v_trunc(value + half);
-}
-#endif
-
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
-#define LUMORA_WIDE_SAMPLES 1
-// toSample sixteen at a time, for processors with 512-bit vectors: a float row's
-// conversion is a third of its time, and reading the floats bounds it. The minimum keeps a
-// NaN (it is the second operand), which then fails the comparison and reads 0.
-__attribute__((target("avx512f,avx512bw"))) void toSamplesWide(const float* source, int n, std::uint16_t* out) {
-    const __m512 half = _mm512_set1_ps(0.5F);
-    const __m512 top = _mm512_set1_ps(65535.0F);
-    constexpr __mmask16 kAll = 0xFFFF;
-    int i = 0;
-    for (; i + 16 <= n; i += 16) {
-        // The masked forms throughout: g++ 12's plain ones warn of their own undefined operand.
-        const __m512 value = _mm512_mask_min_ps(top, kAll, top, _mm512_loadu_ps(source + i));
-        const __mmask16 rounded = _mm512_cmp_ps_mask(value, half, _CMP_GE_OQ);
-        const __m512i whole = _mm512_maskz_cvttps_epi32(kAll, _mm512_maskz_add_ps(rounded, value, half));
-        _mm512_mask_cvtepi32_storeu_epi16(out + i, kAll, whole);
-    }
-    for (; i < n; ++i)
-        out[i] = toSample(source[i]);
-}
-
-// Asked once, at load: the processor does not change under a running program. This may run
-// before the run-time library's own look at the processor, so it asks for that first.
-bool hasWideSamples() {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx512bw") != 0;
-}
-const bool kWideSamples = hasWideSamples();
-#endif
-
-// toSample on n floats, eight at a time in vector registers where the platform has them,
-// sixteen where it has 512-bit ones.
-void toSamples(const float* source, int n, std::uint16_t* out) {
-#ifdef LUMORA_WIDE_SAMPLES
-    if (kWideSamples) {
-        toSamplesWide(source, n, out);
-        return;
-    }
-#endif
-    int i = 0;
-#if CV_SIMD128
-    // Offset into the signed 16-bit range for a plain saturating pack, then back.
-    const cv::v_int32x4 offset = cv::v_setall_s32(32768);
-    const cv::v_uint16x8 sign = cv::v_setall_u16(0x8000);
-    for (; i + 8 <= n; i += 8) {
-        const cv::v_int32x4 low = toSamples4(cv::v_load(source + i)) - offset;
-        const cv::v_int32x4 high = toSamples4(cv::v_load(source + i + 4)) - offset;
-        cv::v_store(out + i, cv::v_reinterpret_as_u16(cv::v_pack(low, high)) ^ sign);
-    }
-#endif
-    for (; i < n; ++i)
-        out[i] = toSample(source[i]);
-}
 
 const std::uint16_t* samplesOf(const float* source, const int* columns, int n, std::uint16_t* scratch) {
     if (columns == nullptr) {
@@ -149,128 +66,6 @@ const std::uint16_t* samplesOf(const float* source, const int* columns, int n, s
             scratch[i] = toSample(source[columns[i]]);
     }
     return scratch;
-}
-
-// Writes n colour pixels, eight at a time as three 8-byte words: the fewest stores, and each
-// sample's load feeds its table's load directly.
-void colourRow(const std::uint16_t* samples, int n, std::uint8_t* out, const DepthColourTable& colours) {
-    int i = 0;
-    for (; i + 8 <= n; i += 8, out += 24) {
-        // Named, not an array: relaxed loads into an array go through the stack.
-        const std::uint64_t c0 = colourOf(colours, samples[i]);
-        const std::uint64_t c1 = colourOf(colours, samples[i + 1]);
-        const std::uint64_t c2 = colourOf(colours, samples[i + 2]);
-        const std::uint64_t c3 = colourOf(colours, samples[i + 3]);
-        const std::uint64_t c4 = colourOf(colours, samples[i + 4]);
-        const std::uint64_t c5 = colourOf(colours, samples[i + 5]);
-        const std::uint64_t c6 = colourOf(colours, samples[i + 6]);
-        const std::uint64_t c7 = colourOf(colours, samples[i + 7]);
-        const std::uint64_t first = c0 | c1 << 24U | c2 << 48U;
-        const std::uint64_t second = c2 >> 16U | c3 << 8U | c4 << 32U | c5 << 56U;
-        const std::uint64_t third = c5 >> 8U | c6 << 16U | c7 << 40U;
-        std::memcpy(out, &first, 8);
-        std::memcpy(out + 8, &second, 8);
-        std::memcpy(out + 16, &third, 8);
-    }
-    for (; i < n; ++i, out += 3) {
-        const std::uint32_t pixel = colourOf(colours, samples[i]);
-        std::memcpy(out, &pixel, 3);
-    }
-}
-
-void grayRow(const std::uint16_t* samples, int n, std::uint8_t* out, const GrayTable& gray) {
-    int i = 0;
-    for (; i + 8 <= n; i += 8) {
-        std::uint64_t word = 0;
-        for (int k = 0; k < 8; ++k)
-            word |= static_cast<std::uint64_t>(gray[samples[i + k]]) << (8U * k);
-        std::memcpy(out + i, &word, 8);
-    }
-    for (; i < n; ++i)
-        out[i] = gray[samples[i]];
-}
-
-// Copies the points of pixels [begin, end) with z > 0 to `points` and their pixel numbers
-// to `pixels`, in pixel order, and returns how many there are. Four pixels that all have
-// z > 0 are copied at once in vector registers where the platform has them.
-std::size_t gatherPoints(const float* x, const float* y, const float* z, std::size_t begin, std::size_t end,
-                         cv::Point3f* points, std::int32_t* pixels) {
-    std::size_t n = 0;
-    std::size_t i = begin;
-    const auto one = [&](std::size_t at) {
-        points[n] = {x[at], y[at], z[at]};
-        pixels[n] = static_cast<std::int32_t>(at);
-        n += z[at] > 0.0F ? 1 : 0;
-    };
-#if CV_SIMD128
-    const cv::v_float32x4 zero = cv::v_setzero_f32();
-    const auto first = static_cast<int>(begin);
-    cv::v_int32x4 numbers(first, first + 1, first + 2, first + 3);
-    const cv::v_int32x4 four = cv::v_setall_s32(4);
-    for (; i + 4 <= end; i += 4, numbers += four) {
-        const cv::v_float32x4 depth = cv::v_load(z + i);
-        if (cv::v_check_all(depth > zero)) {
-            cv::v_store_interleave(&points[n].x, cv::v_load(x + i), cv::v_load(y + i), depth);
-            cv::v_store(pixels + n, numbers);
-            n += 4;
-        } else {
-            for (std::size_t at = i; at < i + 4; ++at)
-                one(at);
-        }
-    }
-#endif
-    for (; i < end; ++i)
-        one(i);
-    return n;
-}
-
-// For n projected points: their colour from z in millimetres into `colour`, their gray level
-// into `level` when there is one (read through their pixel numbers, which `landing` holds on
-// entry), then where each lands into `landing`: its pixel's number in the image, row by row,
-// or -1 off the image. Four at a time in vector registers where the platform has them.
-void placePoints(const cv::Point3f* points, const cv::Point2f* shown, std::size_t n, cv::Size display,
-                 const float* intensity, const DepthColourTable& colours, const GrayTable& gray, std::int32_t* landing,
-                 std::uint32_t* colour, std::uint8_t* level) {
-    if (level != nullptr)
-        for (std::size_t k = 0; k < n; ++k)
-            level[k] = gray[toSample(intensity[landing[k]])];
-    const auto width = static_cast<float>(display.width);
-    const auto height = static_cast<float>(display.height);
-    std::size_t k = 0;
-#if CV_SIMD128
-    const cv::v_float32x4 zero = cv::v_setzero_f32();
-    const cv::v_float32x4 half = cv::v_setall_f32(0.5F);
-    const cv::v_float32x4 thousand = cv::v_setall_f32(1000.0F);
-    const cv::v_float32x4 right = cv::v_setall_f32(width);
-    const cv::v_float32x4 bottom = cv::v_setall_f32(height);
-    const cv::v_int32x4 rowLength = cv::v_setall_s32(display.width);
-    const cv::v_int32x4 offImage = cv::v_setall_s32(-1);
-    std::array<std::int32_t, 4> samples{};
-    for (; k + 4 <= n; k += 4) {
-        cv::v_float32x4 x;
-        cv::v_float32x4 y;
-        cv::v_float32x4 z;
-        cv::v_load_deinterleave(&points[k].x, x, y, z);
-        cv::v_store(samples.data(), toSamples4(z * thousand));
-        for (std::size_t j = 0; j < 4; ++j)
-            colour[k + j] = colourOf(colours, static_cast<std::uint16_t>(samples[j]));
-        cv::v_float32x4 u;
-        cv::v_float32x4 v;
-        cv::v_load_deinterleave(&shown[k].x, u, v);
-        u = u + half;
-        v = v + half;
-        const cv::v_float32x4 onImage = (u >= zero) & (v >= zero) & (u < right) & (v < bottom);
-        const cv::v_int32x4 at = cv::v_trunc(v) * rowLength + cv::v_trunc(u);
-        cv::v_store(landing + k, cv::v_select(cv::v_reinterpret_as_s32(onImage), at, offImage));
-    }
-#endif
-    for (; k < n; ++k) {
-        const float u = shown[k].x + 0.5F;
-        const float v = shown[k].y + 0.5F;
-        colour[k] = colourOf(colours, toSample(points[k].z * 1000.0F));
-        const bool onImage = u >= 0.0F && v >= 0.0F && u < width && v < height;
-        landing[k] = onImage ? static_cast<int>(v) * display.width + static_cast<int>(u) : -1;
-    }
 }
 
 // One frame of depth or amplitude, typed.
@@ -328,7 +123,7 @@ cv::Size displaySize(cv::Size frame, int displayWidth, int displayHeight) {
     return frame;
 }
 
-void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
+void convertDepthAmplitude(ConversionContext& context, const std::shared_ptr<hs::LumoraFrame>& depth,
                            const std::shared_ptr<hs::LumoraFrame>& amplitude, cv::Size display, cv::Point depthPoint,
                            cv::Point amplitudePoint, WindowImage& depthImage, WindowImage& amplitudeImage) {
     const Plane depthPlane(depth);
@@ -340,8 +135,9 @@ void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
     const std::vector<int> columns = nearestMap(shape.width, display.width);
     const int* columnMap = scaled ? columns.data() : nullptr;
 
-    const DepthColourTable& colours = depthColourTable();
-    const GrayTable& gray = grayTable();
+    const TableView tables;
+    const DepthColourTable& colours = tables.depthColour();
+    const GrayTable& gray = tables.gray();
     const bool withDepth = depthPlane.valid() && depthPlane.width == shape.width && depthPlane.height == shape.height;
     const bool withAmplitude =
         amplitudePlane.valid() && amplitudePlane.width == shape.width && amplitudePlane.height == shape.height;
@@ -366,7 +162,7 @@ void convertDepthAmplitude(const std::shared_ptr<hs::LumoraFrame>& depth,
     };
     const auto height = static_cast<std::size_t>(display.height);
     if (static_cast<std::size_t>(display.area()) >= kSplitPixels)
-        helperOfThisThread().share(height, std::max<std::size_t>(1, kPiecePixels / display.width), rowsOf);
+        context.helper.share(height, std::max<std::size_t>(1, kPiecePixels / display.width), rowsOf);
     else
         rowsOf(0, height);
 
@@ -392,9 +188,9 @@ Projection defaultProjection(cv::Size frame) {
     return projection;
 }
 
-void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Projection& projection, cv::Size display,
-                       cv::Point depthPoint, cv::Point intensityPoint, WindowImage& depthImage,
-                       WindowImage* intensityImage) {
+void convertPointCloud(ConversionContext& context, const std::shared_ptr<hs::LumoraFrame>& frame,
+                       const Projection& projection, cv::Size display, cv::Point depthPoint, cv::Point intensityPoint,
+                       WindowImage& depthImage, WindowImage* intensityImage) {
     if (!frame) return;
     const float* x = nullptr;
     const float* y = nullptr;
@@ -427,32 +223,26 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
     static const cv::Vec3d kNoTranslation(0.0, 0.0, 0.0);
 
     const bool withIntensity = intensityImage != nullptr && intensity != nullptr;
-    const DepthColourTable& colours = depthColourTable();
-    const GrayTable& gray = grayTable();
+    const TableView tables;
+    const DepthColourTable& colours = tables.depthColour();
+    const GrayTable& gray = tables.gray();
 
     // Each piece gathers the points with z > 0 of its own pixels to the start of its own part
     // of the buffers, in pixel order, projects them in place, and works out for each where it
     // lands and in what colour; only the drawing, in pixel order, is left to this thread.
-    // Kept for the caller's next frame: fresh buffers this large come from the kernel each
-    // time, at a page fault per 4 KiB. The helper reaches them through these pointers, not
-    // through the names, which would give it its own.
-    thread_local cv::Mat pointBuffer;
-    thread_local cv::Mat projectedBuffer;
-    thread_local cv::Mat pixelBuffer;
-    thread_local cv::Mat colourBuffer;
-    thread_local cv::Mat levelBuffer;
+    ConversionContext::CloudBuffers& buffers = context.cloud;
     const auto slots = static_cast<int>(count);
-    pointBuffer.create(slots, 1, CV_32FC3);
-    projectedBuffer.create(slots, 1, CV_32FC2);
-    pixelBuffer.create(slots, 1, CV_32SC1);
-    colourBuffer.create(slots, 1, CV_32SC1);
-    if (withIntensity) levelBuffer.create(slots, 1, CV_8UC1);
-    auto* const points = pointBuffer.ptr<cv::Point3f>();
-    auto* const projected = projectedBuffer.ptr<cv::Point2f>();
+    buffers.points.create(slots, 1, CV_32FC3);
+    buffers.projected.create(slots, 1, CV_32FC2);
+    buffers.pixels.create(slots, 1, CV_32SC1);
+    buffers.colours.create(slots, 1, CV_32SC1);
+    if (withIntensity) buffers.levels.create(slots, 1, CV_8UC1);
+    auto* const points = buffers.points.ptr<cv::Point3f>();
+    auto* const projected = buffers.projected.ptr<cv::Point2f>();
     // A kept point's pixel number, until it is replaced by where the point lands.
-    auto* const pixelOf = pixelBuffer.ptr<std::int32_t>();
-    auto* const colourOfPoint = colourBuffer.ptr<std::uint32_t>();
-    auto* const levelOfPoint = withIntensity ? levelBuffer.ptr<std::uint8_t>() : nullptr;
+    auto* const pixelOf = buffers.pixels.ptr<std::int32_t>();
+    auto* const colourOfPoint = buffers.colours.ptr<std::uint32_t>();
+    auto* const levelOfPoint = withIntensity ? buffers.levels.ptr<std::uint8_t>() : nullptr;
     const std::size_t piece = count >= kSplitPoints ? kPiecePoints : std::max<std::size_t>(count, 1);
     std::vector<std::size_t> kept((count + piece - 1) / piece);
     const HelperThread::Work gatherAndProject = [&](std::size_t begin, std::size_t end) {
@@ -468,7 +258,7 @@ void convertPointCloud(const std::shared_ptr<hs::LumoraFrame>& frame, const Proj
                     withIntensity ? levelOfPoint + begin : nullptr);
     };
     if (count >= kSplitPoints)
-        helperOfThisThread().share(count, piece, gatherAndProject);
+        context.helper.share(count, piece, gatherAndProject);
     else if (count > 0)
         gatherAndProject(0, count);
 
@@ -570,4 +360,4 @@ std::string consoleReadout(const std::string& fpsText, const std::shared_ptr<hs:
     return line;
 }
 
-}  // namespace lumora::display
+}  // namespace lumora::imaging
