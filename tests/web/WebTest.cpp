@@ -36,12 +36,13 @@ TEST(Routes, OnlyThePagesRoutesWithTheTokenAreServed) {
     EXPECT_EQ(decide("/ws?token=" + kToken + "/", kToken).status, 403);
 
     // Anything without the right token is refused whatever the path, also when malformed.
+    const std::string page = "/?token=" + kToken;
+    const std::string query = "?token=" + kToken;
+    const std::string twice = page + query.substr(1).insert(0, "&");
     for (const std::string& target :
          std::vector<std::string>{"/", "/ws", "/etc/passwd", "/?token=", "/?token=0123456789abcdef0123456789abcdee",
-                                  "/?token=" + kToken + "0", "/?token=" + kToken + "&token=" + kToken,
-                                  "/?token=" + kToken + "&debug=1", "/?token=" + kToken + "&png=2", "?token=" + kToken,
-                                  "/a b?token=" + kToken, "/?token=" + kToken + std::string(1, '\x01'),
-                                  "/" + std::string(kMaxTargetLength, 'a') + "?token=" + kToken})
+                                  page + "0", twice, page + "&debug=1", page + "&png=2", query, "/a b" + query,
+                                  page + "\x01", std::string(kMaxTargetLength, '/') + query})
         EXPECT_EQ(decide(target, kToken).status, 403) << target;
     EXPECT_EQ(decide("/?token=", "").status, 403);
 
@@ -107,12 +108,13 @@ std::shared_ptr<hs::LumoraFrame> frame(hs::LumoraFrame::FrameType type, hs::Data
 }
 
 TEST(Readout, ReadsTheFramePixelUnderAScaledPicturePoint) {
-    std::vector<float> depth(8 * 6);
+    constexpr std::size_t kPixels = std::size_t{8} * 6;
+    std::vector<float> depth(kPixels);
     for (std::size_t i = 0; i < depth.size(); ++i)
         depth[i] = static_cast<float>(1000 + i);
-    std::vector<float> amplitude(8 * 6, 2.6F);
+    std::vector<float> amplitude(kPixels, 2.6F);
     amplitude[13] = 70000.0F;
-    std::vector<float> cloud(3 * 8 * 6);
+    std::vector<float> cloud(3 * kPixels);
     cloud[2 * 48 + 8 + 1] = 1.2345F;  // z of column 1, row 1
     const auto list =
         hs::sim::make_frame_list({frame(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_UINT16, 8, 6, depth),
