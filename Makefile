@@ -2,7 +2,8 @@
 # make test  - set up, build and run the whole suite: the normal build, AddressSanitizer +
 #              UndefinedBehaviorSanitizer (with the fuzz targets), ThreadSanitizer
 # make bench - set up, build and run the benchmarks, then print the table of figures; then
-#              the live display end to end under Xvfb (about three minutes)
+#              the live display end to end under Xvfb (about three minutes), then the web
+#              view end to end with a headless browser (about three minutes)
 
 BUILD := build
 
@@ -25,6 +26,7 @@ test: setup
 bench: build
 	@$(BUILD)/bench/lumora-bench --benchmark_color=false
 	@bash bench/display_e2e.sh $(BUILD)
+	@/usr/bin/python3 bench/web_e2e.py $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan

@@ -142,7 +142,8 @@ void OpenCVVideoRendererSink::onLumoraFrameList(hs::LumoraSource* source,
         else
             std::snprintf(mFpsText, sizeof mFpsText, "fps : %.2f", status.frameRate);
     }
-    if (mFrameQueue.push(Item(source, hs::copy_frame_list(frameList)), kPushTimeout) != hs::RESULT_SUCCESS)
+    const auto delivered = std::chrono::steady_clock::now();
+    if (mFrameQueue.push(Item(source, hs::copy_frame_list(frameList), delivered), kPushTimeout) != hs::RESULT_SUCCESS)
         mDropped.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -265,8 +266,73 @@ void OpenCVVideoRendererSink::createWindows(const std::shared_ptr<hs::LumoraFram
     mWindowsCreated.store(created);
 }
 
-void OpenCVVideoRendererSink::drawList(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection,
-                                       ConversionContext& conversion) {
+OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(
+    const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection, ConversionContext& conversion) {
+    Converted converted;
+    const auto pointOf = [this](int key) {
+        const RenderWindow* entry = window(key);
+        return entry == nullptr ? cv::Point(-1, -1)
+                                : cv::Point(entry->mouseX.load(std::memory_order_relaxed),
+                                            entry->mouseY.load(std::memory_order_relaxed));
+    };
+    const auto depth = hs::find_frame(list, hs::LumoraFrame::FRAME_DEPTH);
+    const auto amplitude = hs::find_frame(list, hs::LumoraFrame::FRAME_AMPLITUDE);
+    if (depth || amplitude) {
+        WindowImage depthImage;
+        WindowImage amplitudeImage;
+        imaging::convertDepthAmplitude(conversion, depth, amplitude, shownSize(depth ? depth : amplitude),
+                                       pointOf(kDepth), pointOf(kAmplitude), depthImage, amplitudeImage);
+        converted.emplace_back(kDepth, std::move(depthImage));
+        converted.emplace_back(kAmplitude, std::move(amplitudeImage));
+    }
+    for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
+        const auto frame = hs::find_frame(list, type);
+        if (!frame) continue;
+        const bool intensity = type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
+        const int depthKey = intensity ? kIntensityDepth : kPointCloud;
+        const Projection lens =
+            projection.intrinsics.fx > 0.0 ? projection : imaging::defaultProjection({frame->width(), frame->height()});
+        Projection sized = lens;
+        if (sized.size.width <= 0 || sized.size.height <= 0) sized.size = {frame->width(), frame->height()};
+        WindowImage depthImage;
+        WindowImage intensityImage;
+        imaging::convertPointCloud(conversion, frame, sized, shownSize(frame), pointOf(depthKey),
+                                   pointOf(kIntensityAmplitude), depthImage, intensity ? &intensityImage : nullptr);
+        converted.emplace_back(depthKey, std::move(depthImage));
+        if (intensity) converted.emplace_back(kIntensityAmplitude, std::move(intensityImage));
+    }
+    return converted;
+}
+
+void OpenCVVideoRendererSink::publish(const Item& item, const Converted& pictures, bool drawnNext,
+                                      web::Publisher& publisher) {
+    web::Snapshot snapshot;
+    const auto& [source, list, delivered] = item;
+    // Images that get their markers drawn next go to the web view as copies.
+    for (const auto& [key, picture] : pictures)
+        if (!picture.image.empty())
+            snapshot.pictures.push_back({key, drawnNext ? picture.image.clone() : picture.image});
+    snapshot.list = list;
+    snapshot.delivered = delivered;
+    if (source != nullptr) {
+        snapshot.status.camera = source->name();
+        snapshot.status.serial = source->serialNumber();
+    }
+    for (std::size_t i = 0; i < list->size(); ++i) {
+        const auto frame = list->at(i);
+        if (!frame) continue;
+        snapshot.status.mask |= frame->frameType();
+        snapshot.status.width = frame->width();
+        snapshot.status.height = frame->height();
+    }
+    snapshot.status.fpsText = fpsText();
+    snapshot.status.drawn = mDrawn.load(std::memory_order_relaxed);
+    snapshot.status.dropped = mDropped.load(std::memory_order_relaxed);
+    publisher.publish(std::move(snapshot));
+}
+
+void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& projection, ConversionContext& conversion,
+                                       web::Publisher* publisher) {
     const std::uint32_t rendered = gRenderedLists.fetch_add(1) + 1;
     struct Shown {
         RenderWindow* entry;
@@ -281,47 +347,22 @@ void OpenCVVideoRendererSink::drawList(const std::shared_ptr<hs::LumoraFrameList
 
     if (RenderWindow* entry = window(kFramerate))
         shown.push_back({entry, {imaging::framerateImage(fpsText()), {}, {}}});
+    Converted converted = convertList(std::get<1>(item), projection, conversion);
+    if (publisher != nullptr) publish(item, converted, true, *publisher);
+    for (auto& [key, picture] : converted)
+        shown.push_back({window(key), std::move(picture)});
 
-    const auto depth = hs::find_frame(list, hs::LumoraFrame::FRAME_DEPTH);
-    const auto amplitude = hs::find_frame(list, hs::LumoraFrame::FRAME_AMPLITUDE);
-    if (depth || amplitude) {
-        WindowImage depthImage;
-        WindowImage amplitudeImage;
-        imaging::convertDepthAmplitude(conversion, depth, amplitude, shownSize(depth ? depth : amplitude),
-                                       pointOf(window(kDepth)), pointOf(window(kAmplitude)), depthImage,
-                                       amplitudeImage);
-        shown.push_back({window(kDepth), std::move(depthImage)});
-        shown.push_back({window(kAmplitude), std::move(amplitudeImage)});
-    }
-    for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
-        const auto frame = hs::find_frame(list, type);
-        if (!frame) continue;
-        const bool intensity = type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
-        const int depthKey = intensity ? kIntensityDepth : kPointCloud;
-        const Projection lens =
-            projection.intrinsics.fx > 0.0 ? projection : imaging::defaultProjection({frame->width(), frame->height()});
-        Projection sized = lens;
-        if (sized.size.width <= 0 || sized.size.height <= 0) sized.size = {frame->width(), frame->height()};
-        WindowImage depthImage;
-        WindowImage intensityImage;
-        imaging::convertPointCloud(conversion, frame, sized, shownSize(frame), pointOf(window(depthKey)),
-                                   pointOf(window(kIntensityAmplitude)), depthImage,
-                                   intensity ? &intensityImage : nullptr);
-        shown.push_back({window(depthKey), std::move(depthImage)});
-        if (intensity) shown.push_back({window(kIntensityAmplitude), std::move(intensityImage)});
-    }
-
-    for (Shown& item : shown)
-        if (item.entry != nullptr && item.entry->key != kFramerate)
-            imaging::drawMarker(item.picture, pointOf(item.entry));
+    for (Shown& each : shown)
+        if (each.entry != nullptr && each.entry->key != kFramerate)
+            imaging::drawMarker(each.picture, pointOf(each.entry));
     const bool titled = rendered > kTitleAfterLists;
     runOnGuiThread([&shown, titled] {
-        for (const Shown& item : shown) {
-            if (item.entry == nullptr || item.picture.image.empty()) continue;
+        for (const Shown& each : shown) {
+            if (each.entry == nullptr || each.picture.image.empty()) continue;
             try {
-                cv::imshow(item.entry->name, item.picture.image);
-                if (titled && item.entry->key != kFramerate && autosizeProperty(item.entry->name) >= 0.0)
-                    cv::setWindowTitle(item.entry->name, item.entry->name + item.picture.readout);
+                cv::imshow(each.entry->name, each.picture.image);
+                if (titled && each.entry->key != kFramerate && autosizeProperty(each.entry->name) >= 0.0)
+                    cv::setWindowTitle(each.entry->name, each.entry->name + each.picture.readout);
             } catch (const cv::Exception&) {
                 // A window lost between the check and the call: the next list shows it again.
             }
@@ -348,19 +389,20 @@ void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
         const auto& list = std::get<1>(item);
         if (!list) continue;
         mDrawn.fetch_add(1, std::memory_order_relaxed);
-        if (!mDisplay.load()) {
-            closeWindows(false);
-            readOutOnConsole(list);
-            continue;
-        }
-        if (!displayAvailable()) {
+        web::Publisher* publisher = mPublisher.load();
+        if (publisher != nullptr && !publisher->wanted()) publisher = nullptr;
+        const bool display = mDisplay.load();
+        if (display && !displayAvailable())
             std::call_once(noDisplayNotice,
                            [] { std::printf("\rno display found: the frames are read out on the console\n\r"); });
+        if (!display || !displayAvailable()) {
+            if (!display) closeWindows(false);
+            if (publisher != nullptr) publish(item, convertList(list, projection, conversion), false, *publisher);
             readOutOnConsole(list);
             continue;
         }
         if (!mWindowsCreated.load()) createWindows(list);
-        drawList(list, projection, conversion);
+        drawList(item, projection, conversion, publisher);
     }
     hs::Log::i(LUMORA_LOG_TAG("OpenCVVideoRendererSink"), "%llu lists drawn, %llu dropped at the queue, %s",
                static_cast<unsigned long long>(mDrawn.load()), static_cast<unsigned long long>(mDropped.load()),

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -11,11 +12,14 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include <halden/sensor/Lumora.h>
 
 #include "FrameConversion.h"
 #include "FramerateChecker.h"
+#include "Publisher.h"
 #include "Queue.h"
 
 namespace lumora::display {
@@ -59,6 +63,10 @@ public:
     // (width, height).
     std::pair<int, int> displayResolution() const;
 
+    // Before the first run. While `publisher` wants pictures, the render thread converts every
+    // list, with the windows or without, and publishes the pictures to it. Not owned.
+    void setPublisher(web::Publisher* publisher) { mPublisher.store(publisher); }
+
 private:
     struct RenderWindow {
         int key = 0;
@@ -68,15 +76,23 @@ private:
         std::atomic<int> mouseX{0};
         std::string name;
     };
-    using Item = std::tuple<halden::sensor::LumoraSource*, std::shared_ptr<halden::sensor::LumoraFrameList>>;
+    // The source, the list and when the library delivered it.
+    using Item = std::tuple<halden::sensor::LumoraSource*, std::shared_ptr<halden::sensor::LumoraFrameList>,
+                            std::chrono::steady_clock::time_point>;
+    // A converted picture and the key of the window it is for.
+    using Converted = std::vector<std::pair<int, imaging::WindowImage>>;
 
     static void onMouse(int event, int x, int y, int flags, void* userData);
     void renderLoop(const imaging::Projection& projection);
     void stopRenderThread();
     void closeWindows(bool clearTable);
     void createWindows(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
-    void drawList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, const imaging::Projection& projection,
-                  imaging::ConversionContext& conversion);
+    Converted convertList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list,
+                          const imaging::Projection& projection, imaging::ConversionContext& conversion);
+    void drawList(const Item& item, const imaging::Projection& projection, imaging::ConversionContext& conversion,
+                  web::Publisher* publisher);
+    // `drawnNext`: the images are drawn on afterwards, so the publisher gets copies.
+    void publish(const Item& item, const Converted& pictures, bool drawnNext, web::Publisher& publisher);
     void readOutOnConsole(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
     std::string fpsText();
     cv::Size shownSize(const std::shared_ptr<halden::sensor::LumoraFrame>& frame) const;
@@ -96,6 +112,7 @@ private:
     // copy when it starts.
     std::mutex mProjectionMutex;
     std::unique_ptr<imaging::Projection> mProjection;
+    std::atomic<web::Publisher*> mPublisher{nullptr};
     // Lists drawn (or read out) and lists dropped at the queue since construction, logged
     // when the render thread ends.
     std::atomic<std::uint64_t> mDrawn{0};

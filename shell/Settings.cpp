@@ -12,6 +12,7 @@
 #include "FrameDumpSink.h"
 #include "OpenCVVideoRendererSink.h"
 #include "TextHelpers.h"
+#include "WebView.h"
 
 namespace lumora::shell {
 
@@ -170,6 +171,72 @@ Outcome get_frame_dump(const char* /*key*/, ShellContext& context, const hs::Lum
     return std::nullopt;
 }
 
+// The first word of the argument text after the key.
+std::string first_word(const std::string& rest) {
+    std::istringstream words(rest);
+    std::string word;
+    words >> word;
+    return word;
+}
+
+// Starts serving with a new token and prints where, or says why it cannot.
+Outcome set_web_view(ShellContext& context, const hs::LumoraProperty* value, const std::string& /*rest*/) {
+    if (context.webView == nullptr || number_of(value)) return kNotSupported;
+    const std::string word = word_of(value);
+    if (word != "on" && word != "off") return kInvalid;
+    web::WebView& view = *context.webView;
+    if (word == "off") {
+        view.stop();
+        return kSuccess;
+    }
+    const std::string failure = view.start();
+    if (!failure.empty()) {
+        std::printf("web view: %s\n", failure.c_str());
+        return Outcome(hs::RESULT_FAIL);
+    }
+    const unsigned port = view.port();
+    if (view.bind() == "127.0.0.1" || view.bind() == "::1")
+        std::printf("web view: %s (ssh -L %u:%s:%u BOARD, then open it on your laptop)\n", view.url().c_str(), port,
+                    view.bind().c_str(), port);
+    else
+        std::printf("web view: %s\n", view.url().c_str());
+    return kSuccess;
+}
+
+Outcome get_web_view(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    if (context.webView == nullptr) return kNotSupported;
+    print_value(key, context.webView->isOn() ? "on " + context.webView->url() : "off");
+    return std::nullopt;
+}
+
+// Takes effect at the next "web_view on".
+Outcome set_web_port(ShellContext& context, const hs::LumoraProperty* value, const std::string& /*rest*/) {
+    if (context.webView == nullptr) return kNotSupported;
+    const auto number = number_of(value);
+    if (!number || *number < 1.0 || *number > 65535.0 || *number != static_cast<double>(static_cast<int>(*number)))
+        return kInvalid;
+    context.webView->setPort(static_cast<unsigned short>(*number));
+    return kSuccess;
+}
+
+Outcome get_web_port(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    if (context.webView == nullptr) return kNotSupported;
+    print_value(key, std::to_string(context.webView->port()));
+    return std::nullopt;
+}
+
+// The address as typed: a dotted address may be taken for a number by the property typing.
+Outcome set_web_bind(ShellContext& context, const hs::LumoraProperty* /*value*/, const std::string& rest) {
+    if (context.webView == nullptr) return kNotSupported;
+    return context.webView->setBind(first_word(rest)) ? kSuccess : kInvalid;
+}
+
+Outcome get_web_bind(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    if (context.webView == nullptr) return kNotSupported;
+    print_value(key, context.webView->bind());
+    return std::nullopt;
+}
+
 struct Setting {
     const char* key;
     Outcome (*set)(ShellContext& context, const hs::LumoraProperty* value, const std::string& rest);
@@ -177,7 +244,7 @@ struct Setting {
 };
 
 // In the order "set" compares the keys.
-constexpr std::array<Setting, 10> kSettings = {{
+constexpr std::array<Setting, 13> kSettings = {{
     {"display", set_display, get_display},
     {"display_resolution", set_display_resolution, get_display_resolution},
     {"scale_rgb_max", set_scale<imaging::getDepthRange, imaging::setDepthRange, Bound::Max>,
@@ -192,6 +259,9 @@ constexpr std::array<Setting, 10> kSettings = {{
     {"fps_error_check_min", set_fps_bound<Bound::Min>, get_fps_bound<Bound::Min>},
     {"fps_error_check_max", set_fps_bound<Bound::Max>, get_fps_bound<Bound::Max>},
     {"frame_dump", set_frame_dump, get_frame_dump},
+    {"web_view", set_web_view, get_web_view},
+    {"web_port", set_web_port, get_web_port},
+    {"web_bind", set_web_bind, get_web_bind},
 }};
 
 // The setting with that key, or null; none while the shell has no sinks to apply it to.

@@ -18,6 +18,10 @@ namespace lumora::display {
 class OpenCVVideoRendererSink;
 }  // namespace lumora::display
 
+namespace lumora::web {
+class WebView;
+}  // namespace lumora::web
+
 namespace lumora::shell {
 
 struct ShellContext {
@@ -43,6 +47,8 @@ struct ShellContext {
     dump::FrameDumpSink* dumpSink = nullptr;
     // The live display, owned by the entry point; attached to every selected camera.
     display::OpenCVVideoRendererSink* renderer = nullptr;
+    // The live view in a web browser, owned by the entry point; fed by the renderer.
+    web::WebView* webView = nullptr;
 
     // Ends the run/stop stress test: clear `running`, then wait for its thread.
     void stopStressTest() {

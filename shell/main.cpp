@@ -17,6 +17,7 @@
 #include "ShellContext.h"
 #include "ShellLoop.h"
 #include "SourceListener.h"
+#include "WebView.h"
 
 namespace {
 
@@ -35,7 +36,11 @@ int main() {
     lumora::shell::ShellContext context;
 
     halden::sensor::add_source_listener(&gSourceListener);
+    // Built before the renderer that publishes to it, so that it goes after it.
+    auto webView = std::make_unique<lumora::web::WebView>();
     auto renderer = std::make_unique<lumora::display::OpenCVVideoRendererSink>();
+    renderer->setPublisher(webView.get());
+    context.webView = webView.get();
     auto dumpSink = std::make_unique<lumora::dump::FrameDumpSink>();
     context.renderer = renderer.get();
     context.dumpSink = dumpSink.get();
@@ -53,5 +58,6 @@ int main() {
     halden::sensor::remove_prepared_listener(renderer.get());
     dumpSink.reset();
     renderer.reset();
+    webView.reset();
     return 0;
 }

@@ -1,0 +1,121 @@
+"""End-to-end cost of the web view: the shell streaming the simulated VGA QRX100A at 30 fps
+with no display, mask 6 and mask 30, each first with the web view off, then on with one
+watcher (headless chromium), then (mask 6) with a second watcher beside it. Prints a table.
+Usage: web_e2e.py BUILD_DIR [SECONDS]"""
+import os
+import re
+import subprocess
+import sys
+import threading
+import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
+import websocket  # noqa: E402
+from browser import Browser  # noqa: E402
+
+build = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else "build")
+seconds = float(sys.argv[2]) if len(sys.argv) > 2 else 20
+port = 20000 + os.getpid() % 20000
+environment = {k: v for k, v in os.environ.items() if k != "DISPLAY"}
+environment["LUMORA_SIM_DEVICES"] = "QRX100A"
+shell = subprocess.Popen([os.path.join(build, "shell", "lumora-shell")], stdin=subprocess.PIPE,
+                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=environment, cwd="/tmp")
+output = []
+threading.Thread(target=lambda: [output.append(line.decode(errors="replace")) for line in shell.stdout],
+                 daemon=True).start()
+
+
+def say(line):
+    shell.stdin.write((line + "\n").encode())
+    shell.stdin.flush()
+
+
+def wait_for(pattern, after=0, timeout=20):
+    deadline = time.time() + timeout
+    while time.time() < deadline:
+        for line in output[after:]:
+            found = re.search(pattern, line)
+            if found:
+                return found
+        time.sleep(0.05)
+    raise RuntimeError(f"no {pattern!r} from the shell")
+
+
+def cpu_seconds():
+    fields = open(f"/proc/{shell.pid}/stat").read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def cpu_percent():
+    c0 = cpu_seconds()
+    time.sleep(seconds)
+    return 100 * (cpu_seconds() - c0) / seconds
+
+
+def second_watcher(url, stop, counted):
+    ws = websocket.create_connection(url.replace("http://", "ws://").replace("/?", "/ws?"), timeout=10)
+    while not stop.is_set():
+        counted[0] += len(ws.recv())
+    ws.close()
+
+
+say("set log_level 3")
+say(f"set web_port {port}")
+say("search")
+say("select 0")
+rows = []
+with Browser() as browser:
+    for mask in (6, 30):
+        mark = len(output)
+        say(f"run {mask}")
+        wait_for(r"-> result : success", mark)
+        time.sleep(3)
+        off = cpu_percent()
+        mark = len(output)
+        say("set web_view on")
+        url = wait_for(r"web view: (http://\S+)", mark).group(1)
+        browser.open(url)
+        browser.wait("lumora.pictures[1] >= 30", "no pictures in the page")
+        time.sleep(2)
+        before = browser.evaluate("JSON.stringify([lumora.pictures, lumora.bytes, performance.now()])")
+        on = cpu_percent()
+        after = browser.evaluate("[lumora.pictures, lumora.bytes, performance.now(), lumora.decodeMs.slice(-300)]")
+        import json
+        p0, b0, t0 = json.loads(before)
+        p1, b1, t1, decode = after
+        span = (t1 - t0) / 1000
+        rates = {view: (p1[view] - p0.get(view, 0)) / span for view in p1}
+        bytes_rate = (b1 - b0) / span
+        decode.sort()
+        page_decode_p99 = decode[int(0.99 * (len(decode) - 1))] if decode else 0
+        two = None
+        if mask == 6:
+            stop, counted = threading.Event(), [0]
+            thread = threading.Thread(target=second_watcher, args=(url, stop, counted))
+            thread.start()
+            time.sleep(2)
+            two = cpu_percent()
+            stop.set()
+            thread.join()
+        mark = len(output)
+        say("set web_view off")
+        stats = wait_for(r"delivery to socket p50 ([0-9.]+) ms p99 ([0-9.]+) ms, to decoded in the page "
+                         r"p50 ([0-9.]+) ms p99 ([0-9.]+) ms", mark)
+        mark = len(output)
+        say("stop")
+        wait_for(r"-> result : success", mark)
+        rows.append((mask, off, on, two, rates, bytes_rate, stats.groups(), page_decode_p99))
+say("quit")
+shell.wait(20)
+
+names = {"1": "Depth", "2": "Amplitude", "3": "PCL-Depth", "4": "IPCL-Depth", "5": "IPCL-Amplitude"}
+print(f"\nWeb view end to end, VGA at 30 fps, no display, {seconds:.0f} s per figure "
+      f"(processor time of the shell in % of one core):")
+print("| mask | off | on, 1 watcher | + 2nd watcher | pictures/s per view | bytes/s per watcher | "
+      "delivery to socket p50 / p99 | delivery to page decoded p50 / p99 | decode in page p99 |")
+print("|---|---|---|---|---|---|---|---|---|")
+for mask, off, on, two, rates, bytes_rate, stats, page_p99 in rows:
+    views = ", ".join(f"{names[v]} {r:.1f}" for v, r in sorted(rates.items()))
+    extra = f"{two:.1f} ({two - on:+.1f})" if two is not None else "-"
+    print(f"| {mask} | {off:.1f} | {on:.1f} ({on - off:+.1f}) | {extra} | {views} | {bytes_rate / 1e6:.2f} MB/s | "
+          f"{stats[0]} / {stats[1]} ms | {stats[2]} / {stats[3]} ms | {page_p99:.1f} ms |")
