@@ -11,22 +11,26 @@ mkfifo "$fifo"
 (cd "$WORKDIR" && LUMORA_SIM_DEVICES=QRX100A:160x120 "$SHELL_BIN" <"$fifo" >"$out" 2>&1) &
 pid=$!
 exec 4>"$fifo"
+# The start of the session and its end, without most of the console read-out between.
 report() {
   echo "FAIL: $1; the session:" >&2
-  cat -A "$out" >&2
+  head -c 1500 "$out" | cat -A >&2
+  echo "..." >&2
+  tail -c 1500 "$out" | cat -A >&2
   exit 1
 }
-# Waits up to 30 s for the session to show the fixed text $1.
+# Waits up to 30 s for the session to show a line matching the extended regular expression $1.
 wait_output() {
   local deadline=$((SECONDS + 30))
-  until grep -qF -- "$1" "$out"; do
+  until grep -qE -- "$1" "$out"; do
     ((SECONDS < deadline)) || report "no \"$1\""
     sleep 0.1
   done
 }
 
 printf 'search\nselect 0\nrun\n' >&4
-wait_output "-> result : success"
+# The dump sink hears of the running camera from the library's thread, after the result.
+wait_output "FrameDumpSink:onLumoraCameraState:[0-9]+ source\\(sim:0\\) state = 3"
 printf 'set frame_dump 1 5\n' >&4
 wait_output "Frame dump finished!"
 printf 'stop\nquit\n' >&4
