@@ -12,14 +12,23 @@ namespace {
 using namespace halden::sensor;
 
 // The 1-based vtable slot of a virtual member function, read from its pointer-to-member
-// (Itanium C++ ABI: the pointer holds 1 + the slot's byte offset).
+// (Itanium C++ ABI: a pointer word and a this-adjustment word). A virtual one is marked by a
+// low bit: on Arm in the adjustment word, which is kept doubled, since a code address may be
+// odd there (Thumb), and the pointer word holds the slot's byte offset; elsewhere the pointer
+// word holds 1 + that offset.
 template <typename MemberFunction>
 std::uintptr_t slot(MemberFunction function) {
     static_assert(sizeof(function) == 2 * sizeof(std::uintptr_t), "Itanium pointer to member function");
     std::uintptr_t words[2];
     std::memcpy(words, &function, sizeof words);
-    EXPECT_EQ(words[0] % sizeof(void*), 1U) << "not a virtual function";
-    return (words[0] - 1) / sizeof(void*) + 1;
+#if defined(__aarch64__) || defined(__arm__)
+    EXPECT_EQ(words[1] % 2, 1U) << "not a virtual function";
+    const std::uintptr_t offset = words[0];
+#else
+    const std::uintptr_t offset = words[0] - 1;
+#endif
+    EXPECT_EQ(offset % sizeof(void*), 0U) << "not a virtual function";
+    return offset / sizeof(void*) + 1;
 }
 
 TEST(Interface, VirtualOperationsKeepTheirSlots) {
