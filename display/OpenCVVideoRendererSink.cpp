@@ -266,15 +266,16 @@ void OpenCVVideoRendererSink::createWindows(const std::shared_ptr<hs::LumoraFram
     mWindowsCreated.store(created);
 }
 
+cv::Point OpenCVVideoRendererSink::readoutPoint(const RenderWindow* entry) {
+    return entry == nullptr ? cv::Point(-1, -1)
+                            : cv::Point(entry->mouseX.load(std::memory_order_relaxed),
+                                        entry->mouseY.load(std::memory_order_relaxed));
+}
+
 OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(
     const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection, ConversionContext& conversion) {
     Converted converted;
-    const auto pointOf = [this](int key) {
-        const RenderWindow* entry = window(key);
-        return entry == nullptr ? cv::Point(-1, -1)
-                                : cv::Point(entry->mouseX.load(std::memory_order_relaxed),
-                                            entry->mouseY.load(std::memory_order_relaxed));
-    };
+    const auto pointOf = [this](int key) { return readoutPoint(window(key)); };
     const auto depth = hs::find_frame(list, hs::LumoraFrame::FRAME_DEPTH);
     const auto amplitude = hs::find_frame(list, hs::LumoraFrame::FRAME_AMPLITUDE);
     if (depth || amplitude) {
@@ -339,12 +340,6 @@ void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& proje
         WindowImage picture;
     };
     std::vector<Shown> shown;
-    const auto pointOf = [](const RenderWindow* entry) {
-        return entry == nullptr ? cv::Point(-1, -1)
-                                : cv::Point(entry->mouseX.load(std::memory_order_relaxed),
-                                            entry->mouseY.load(std::memory_order_relaxed));
-    };
-
     if (RenderWindow* entry = window(kFramerate))
         shown.push_back({entry, {imaging::framerateImage(fpsText()), {}, {}}});
     Converted converted = convertList(std::get<1>(item), projection, conversion);
@@ -354,7 +349,7 @@ void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& proje
 
     for (Shown& each : shown)
         if (each.entry != nullptr && each.entry->key != kFramerate)
-            imaging::drawMarker(each.picture, pointOf(each.entry));
+            imaging::drawMarker(each.picture, readoutPoint(each.entry));
     const bool titled = rendered > kTitleAfterLists;
     runOnGuiThread([&shown, titled] {
         for (const Shown& each : shown) {
@@ -392,10 +387,11 @@ void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
         web::Publisher* publisher = mPublisher.load();
         if (publisher != nullptr && !publisher->wanted()) publisher = nullptr;
         const bool display = mDisplay.load();
-        if (display && !displayAvailable())
+        const bool windows = display && displayAvailable();
+        if (display && !windows)
             std::call_once(noDisplayNotice,
                            [] { std::printf("\rno display found: the frames are read out on the console\n\r"); });
-        if (!display || !displayAvailable()) {
+        if (!windows) {
             if (!display) closeWindows(false);
             if (publisher != nullptr) publish(item, convertList(list, projection, conversion), false, *publisher);
             readOutOnConsole(list);

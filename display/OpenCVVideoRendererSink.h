@@ -81,6 +81,8 @@ private:
                             std::chrono::steady_clock::time_point>;
     // A converted picture and the key of the window it is for.
     using Converted = std::vector<std::pair<int, imaging::WindowImage>>;
+    // The read-out point of a window, or (-1, -1) for a window the list does not use.
+    static cv::Point readoutPoint(const RenderWindow* entry);
 
     static void onMouse(int event, int x, int y, int flags, void* userData);
     void renderLoop(const imaging::Projection& projection);
