@@ -25,10 +25,13 @@
 
 // Before Xlib, whose macros (Bool, Status) break Qt's headers.
 #include <QPixmapCache>
+#include <QtGlobal>
 
 #include <X11/Xlib.h>
 #include <pthread.h>
 #include <opencv2/highgui.hpp>
+
+#include <halden/sensor/Log.h>
 
 namespace lumora::display {
 
@@ -49,6 +52,26 @@ void closeHighgui() {
 }
 
 void closeDownAtExit();
+
+// Qt writes its own notices (a missing XDG_RUNTIME_DIR, a font or GL fallback) to standard
+// error, which is the shell's terminal: they become the shell's log entries instead, shown
+// at the log level they call for.
+void logQtMessage(QtMsgType type, const QMessageLogContext& /*context*/, const QString& message) {
+    const QByteArray text = message.toLocal8Bit();
+    const auto tag = LUMORA_LOG_TAG("Qt");
+    switch (type) {
+        case QtFatalMsg:
+        case QtCriticalMsg:
+            halden::sensor::Log::e(tag, "%s\n", text.constData());
+            break;
+        case QtWarningMsg:
+            halden::sensor::Log::w(tag, "%s\n", text.constData());
+            break;
+        default:
+            halden::sensor::Log::d(tag, "%s\n", text.constData());
+            break;
+    }
+}
 
 class GuiThread {
 public:
@@ -96,6 +119,7 @@ private:
 
     [[noreturn]] void loop() {
         tOnGuiThread = true;
+        qInstallMessageHandler(logQtMessage);
         sigset_t interactive;
         sigemptyset(&interactive);
         sigaddset(&interactive, SIGINT);

@@ -74,14 +74,13 @@ start_shell() {
   [ -n "${FILE_SIZE_LIMIT:-}" ] && environment+=(-e "LUMORA_E2E_FSIZE=$FILE_SIZE_LIMIT")
   if [ "${NO_DISPLAY:-0}" != 1 ]; then
     start_display
-    # As a desktop session gives it; without it Qt warns on the terminal. The windows need
-    # no OpenGL, and without Qt's GLX integration Mesa's LLVM is not loaded, whose start-up
-    # trips AddressSanitizer now and then.
-    mkdir -p -m 700 "$WORKDIR/runtime"
-    environment+=(-e "DISPLAY=$XDISPLAY" -e "XDG_RUNTIME_DIR=$WORKDIR/runtime" -e QT_XCB_GL_INTEGRATION=none)
+    # No XDG_RUNTIME_DIR, as after su or on a board without a login manager: Qt's notice
+    # about it must not reach the terminal. The windows need no OpenGL, and without Qt's GLX
+    # integration Mesa's LLVM is not loaded, whose start-up trips AddressSanitizer now and then.
+    environment+=(-e "DISPLAY=$XDISPLAY" -e QT_XCB_GL_INTEGRATION=none)
   fi
   tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${environment[@]}" \
-    bash -c 'set -m; [ -n "${LUMORA_E2E_FSIZE:-}" ] && { ulimit -f "$LUMORA_E2E_FSIZE"; trap "" XFSZ; }; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
+    bash -c 'set -m; unset XDG_RUNTIME_DIR; [ -n "${LUMORA_E2E_FSIZE:-}" ] && { ulimit -f "$LUMORA_E2E_FSIZE"; trap "" XFSZ; }; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
     "$SHELL_BIN"
   tmux_ pipe-pane -o "cat >>'$WORKDIR/raw'"
   # The wrapper waits for this line, so that no byte of the shell's escapes the recording.
