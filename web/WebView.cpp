@@ -9,6 +9,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <utility>
 
 #include <boost/asio/ip/address.hpp>
 
@@ -219,10 +221,12 @@ void WebView::encode(const Snapshot& snapshot, PictureEncoder& encoder) {
                           picture.image.rows, 0);
         };
         std::string jpeg = head(kJpeg);
-        if (encoder.jpeg(picture.image, kJpegQuality, jpeg)) message->jpeg[slot] = std::make_shared<std::string>(jpeg);
+        if (encoder.jpeg(picture.image, kJpegQuality, jpeg))
+            message->jpeg[slot] = std::make_shared<std::string>(std::move(jpeg));
+        if (!png) continue;
         std::string lossless = head(kPng);
-        if (png && PictureEncoder::png(picture.image, lossless))
-            message->png[slot] = std::make_shared<std::string>(lossless);
+        if (PictureEncoder::png(picture.image, lossless))
+            message->png[slot] = std::make_shared<std::string>(std::move(lossless));
     }
     message->jpeg[kStatusSlot] =
         std::make_shared<std::string>(statusJson(snapshot.status, message->sequence, timestamp));
