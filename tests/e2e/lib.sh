@@ -22,10 +22,12 @@ stop_shell() {
 }
 
 # Starts the test's own X server once; Xvfb picks a free display number and tells it, and
-# keeps its screen in the file Xvfb_screen0 (XWD format) for screenshots.
+# keeps its screen in the file Xvfb_screen0 (XWD format) for screenshots. Without -noreset
+# the server resets when its last client leaves (a shell ended by a signal), and the next
+# shell's connection made during the reset fails inside Qt, which then aborts.
 start_display() {
   [ -n "$XDISPLAY" ] && return 0
-  Xvfb -displayfd 3 -screen 0 1280x1024x24 -fbdir "$WORKDIR" -nolisten tcp 3>"$WORKDIR/displayfd" 2>/dev/null &
+  Xvfb -displayfd 3 -screen 0 1280x1024x24 -fbdir "$WORKDIR" -nolisten tcp -noreset 3>"$WORKDIR/displayfd" 2>/dev/null &
   XVFB_PID=$!
   retry "Xvfb did not start" test -s "$WORKDIR/displayfd"
   XDISPLAY=":$(cat "$WORKDIR/displayfd")"
