@@ -121,8 +121,10 @@ def main():
         runtime = os.path.join(workdir, "runtime")
         os.mkdir(runtime, 0o700)
         read_end, write_end = os.pipe()
+        # -noreset: the server would otherwise reset whenever its last client leaves, and a
+        # client that connects meanwhile (the shell's check for a display is one) loses it.
         xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "4200x2200x24", "-nolisten",
-                                 "tcp"], pass_fds=[write_end], stderr=subprocess.DEVNULL)
+                                 "tcp", "-noreset"], pass_fds=[write_end], stderr=subprocess.DEVNULL)
         os.close(write_end)
         display = ":" + os.read(read_end, 16).decode().strip()
         os.close(read_end)
