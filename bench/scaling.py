@@ -115,8 +115,9 @@ def main():
         for line in open(results_path):
             key, _, value = line.strip().partition("=")
             earlier[key] = value
+    load = " ".join(open("/proc/loadavg").read().split()[:3])
     with open(results_path, "a") as results:
-        results.write("scale.load=%s\n" % " ".join(open("/proc/loadavg").read().split()[:3]))
+        results.write(f"scale.load={load}\n")
     with tempfile.TemporaryDirectory() as workdir:
         runtime = os.path.join(workdir, "runtime")
         os.mkdir(runtime, 0o700)
@@ -175,10 +176,10 @@ def main():
                   f"{writer_text} | {need:.0f} MB/s |")
             for key, value in figures.items():
                 results.write(f"scale.{width}x{height}.m{mask}.{key}={value:.6g}\n")
-    plot(rows)
+    plot(rows, load)
 
 
-def plot(rows):
+def plot(rows, load):
     figure, axes = plt.subplots(figsize=(8, 5.5), dpi=100)
     for mask, colour in ((6, "tab:blue"), (30, "tab:red")):
         points = sorted((f["pixels_per_s"], f["cpu"], f["memcpy_cpu"], name) for name, _, _, m, f in rows if m == mask)
@@ -192,7 +193,8 @@ def plot(rows):
     axes.set_yscale("log")
     axes.set_xlabel("pixels delivered per second")
     axes.set_ylabel("processor time per second (1 = one core)")
-    axes.set_title("Live display cost against picture size (simulated camera at 30 fps, Xvfb)", fontsize=10)
+    axes.set_title("Live display cost against picture size (simulated camera at 30 fps, Xvfb)\n"
+                   f"2 cores, load average {load} at the start", fontsize=10)
     axes.grid(True, which="both", alpha=0.3)
     axes.legend(fontsize=8)
     figure.tight_layout()

@@ -131,6 +131,8 @@ ROWS = [
 
 
 def number(value):
+    if value == int(value) and abs(value) < 1e6:
+        return str(int(value))
     digits = 3 if abs(value) < 1 else 2 if abs(value) < 10 else 1 if abs(value) < 100 else 0
     return f"{value:.{digits}f}"
 
