@@ -85,6 +85,30 @@ class Shell:
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
+def start_x_server():
+    """An X server of our own that answers; (process, display name). Tries three times."""
+    log = open(os.environ.get("BENCH_LOG", os.devnull), "a")
+    for _ in range(3):
+        read_end, write_end = os.pipe()
+        # -noreset: the server would otherwise reset whenever its last client leaves, and a
+        # client that connects meanwhile (the shell's check for a display is one) loses it.
+        xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "4200x2200x24", "-nolisten",
+                                 "tcp", "-noreset"], pass_fds=[write_end], stderr=log)
+        os.close(write_end)
+        display = ":" + os.read(read_end, 16).decode().strip()
+        os.close(read_end)
+        # The shell decides once whether there is a display: the server must answer first.
+        deadline = time.time() + 20
+        while xvfb.poll() is None and time.time() < deadline:
+            if subprocess.run(["xdpyinfo", "-display", display], stdout=subprocess.DEVNULL,
+                              stderr=log).returncode == 0:
+                return xvfb, display
+            time.sleep(0.2)
+        xvfb.terminate()
+        xvfb.wait()
+    raise RuntimeError("no X server answered (see the bench log)")
+
+
 def measure(shell, mask, counts):
     """One run of `mask`; `counts` holds the renderer's totals so far and is brought up to date."""
     mark = len(shell.output)
@@ -121,21 +145,7 @@ def main():
     with tempfile.TemporaryDirectory() as workdir:
         runtime = os.path.join(workdir, "runtime")
         os.mkdir(runtime, 0o700)
-        read_end, write_end = os.pipe()
-        # -noreset: the server would otherwise reset whenever its last client leaves, and a
-        # client that connects meanwhile (the shell's check for a display is one) loses it.
-        xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "4200x2200x24", "-nolisten",
-                                 "tcp", "-noreset"], pass_fds=[write_end], stderr=subprocess.DEVNULL)
-        os.close(write_end)
-        display = ":" + os.read(read_end, 16).decode().strip()
-        os.close(read_end)
-        # The shell decides once whether there is a display: the server must answer first.
-        deadline = time.time() + 10
-        while subprocess.run(["xdpyinfo", "-display", display], stdout=subprocess.DEVNULL,
-                             stderr=subprocess.DEVNULL).returncode != 0:
-            if time.time() > deadline:
-                raise RuntimeError(f"no X server on {display}")
-            time.sleep(0.1)
+        xvfb, display = start_x_server()
         rows = []
         try:
             for name, width, height in sizes:
