@@ -1,7 +1,7 @@
 // Frame dumps: a 300-frame dump from a simulated 30 fps VGA QRX100A in each mode (records
 // written, lists lost at the dump queue, the delivery thread's time in the sink's frame
 // callback), and the writer's throughput for mode-3 records beside dd's, measured in the
-// same run in the same directory. No display runs beside the dumps.
+// same run in the same directory, and alone at each size of the scaling figures. No display runs beside the dumps.
 //
 // Threads: the camera's delivery thread calls TimedSink, which forwards every callback to
 // the dump sink and times the frame callback; the benchmark's thread requests the dump,
@@ -172,23 +172,24 @@ double dd_megabytes_per_second() {
     return rate;
 }
 
-// About as many bytes of VGA mode-3 records through the dump writer, with a final fsync.
-double writer_megabytes_per_second(const std::vector<float>& planes) {
+// About `bytes` of width x height mode-3 records through the dump writer, with a final fsync.
+double writer_megabytes_per_second(const std::vector<float>& planes, int width, int height, std::size_t bytes) {
     using namespace lumora::dump;
     const std::size_t plane = planes.size() / 4 * sizeof(float);
-    const std::size_t records = std::size_t{256} * 4 * 1024 * 1024 / (sizeof(frame_header) + 4 * plane);
+    const std::size_t records = std::max<std::size_t>(1, bytes / (sizeof(frame_header) + 4 * plane));
     const auto begin = Clock::now();
     {
         DumpWriter writer("writer.lmr");
         if (writer.writeHead({kSyncByte, 0, 300, 3}, {kSourceDescriptorTag, "sim"},
                              {kCameraDescriptorTag, 0, {}, {}, {}}) != halden::sensor::RESULT_SUCCESS)
             return 0.0;
-        const auto* bytes = reinterpret_cast<const std::uint8_t*>(planes.data());
+        const auto* data = reinterpret_cast<const std::uint8_t*>(planes.data());
         const std::vector<Bytes> blocks{
-            {bytes, plane}, {bytes + plane, plane}, {bytes + 2 * plane, plane}, {bytes + 3 * plane, plane}};
+            {data, plane}, {data + plane, plane}, {data + 2 * plane, plane}, {data + 3 * plane, plane}};
         for (std::size_t i = 0; i < records; ++i)
-            if (writer.writeRecord({static_cast<std::uint8_t>(i), 640, 480, 4, i}, {nullptr, 0}, blocks) !=
-                halden::sensor::RESULT_SUCCESS)
+            if (writer.writeRecord({static_cast<std::uint8_t>(i), static_cast<std::uint16_t>(width),
+                                    static_cast<std::uint16_t>(height), 4, i},
+                                   {nullptr, 0}, blocks) != halden::sensor::RESULT_SUCCESS)
                 return 0.0;
     }
     const int fd = ::open("writer.lmr", O_RDONLY | O_CLOEXEC);
@@ -199,23 +200,47 @@ double writer_megabytes_per_second(const std::vector<float>& planes) {
     return rate;
 }
 
+std::vector<float> mode3Planes(int width, int height) {
+    std::vector<float> planes(std::size_t{4} * static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
+    for (std::size_t i = 0; i < planes.size(); ++i)
+        planes[i] = static_cast<float>(i % 7919) * 0.001F;
+    return planes;
+}
+
+constexpr std::size_t kGiB = std::size_t{1} << 30U;
+
 // Three runs of each, alternating; the median of each.
 void BM_DumpWriterThroughput(benchmark::State& state) {
     const ScratchDirectory scratch;
-    std::vector<float> planes(std::size_t{4} * 640 * 480);
-    for (std::size_t i = 0; i < planes.size(); ++i)
-        planes[i] = static_cast<float>(i % 7919) * 0.001F;
+    const auto planes = mode3Planes(640, 480);
     std::vector<double> dd;
     std::vector<double> writer;
     for (auto _ : state) {
         for (int run = 0; run < 3; ++run) {
             dd.push_back(dd_megabytes_per_second());
-            writer.push_back(writer_megabytes_per_second(planes));
+            writer.push_back(writer_megabytes_per_second(planes, 640, 480, kGiB));
         }
     }
     state.counters["dd_MBps"] = percentile(dd, 0.5);
     state.counters["writer_MBps"] = percentile(writer, 0.5);
 }
 BENCHMARK(BM_DumpWriterThroughput)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The writer at each size of the scaling figures: a quarter GiB of mode-3 records, once.
+void BM_DumpWriterAtSize(benchmark::State& state) {
+    const ScratchDirectory scratch;
+    const auto width = static_cast<int>(state.range(0));
+    const auto height = static_cast<int>(state.range(1));
+    const auto planes = mode3Planes(width, height);
+    for (auto _ : state)
+        state.counters["writer_MBps"] = writer_megabytes_per_second(planes, width, height, kGiB / 4);
+}
+BENCHMARK(BM_DumpWriterAtSize)
+    ->Args({320, 240})
+    ->Args({640, 480})
+    ->Args({1024, 1024})
+    ->Args({2048, 2048})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -1,7 +1,8 @@
 // A replay camera beside a simulated one, in the same run: a recorded 30 fps VGA
 // depth + amplitude dump with embedded lines, played back while the simulated camera
 // streams all four frame types; the intervals between the lists each delivers, and the
-// allocations its delivery thread makes per list once its pool is full.
+// allocations its delivery thread makes per list once its pool is full; beside them, a bare
+// 30 Hz timer's intervals over the same seconds.
 //
 // Threads: each camera's delivery thread calls its own ArrivalCounter, which notes the
 // time and that thread's allocation count in storage reserved beforehand; the benchmark's
@@ -26,6 +27,7 @@
 
 #include "DumpFormat.h"
 #include "DumpWriter.h"
+#include "Ticker.h"
 
 namespace {
 
@@ -164,9 +166,13 @@ void BM_ReplayBesideSimulated(benchmark::State& state) {
         replay->addSink(&replaySink);
         simulated->prepare();
         replay->prepare();
+        lumora::bench::Ticker ticker;
         simulated->run(2 | 4 | 8 | 16);
         replay->run(2 | 4);
         const bool complete = simulatedSink.wait() && replaySink.wait();
+        ticker.stop();
+        const auto ticks = ticker.intervals();
+        if (!ticks.empty()) state.counters["ticker_p99_ms"] = ticks[ticks.size() * 99 / 100];
         hs::destroy_camera(simulated);
         hs::destroy_camera(replay);
         if (!complete) {

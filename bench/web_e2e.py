@@ -1,7 +1,9 @@
 """End-to-end cost of the web view: the shell streaming the simulated VGA QRX100A at 30 fps
 with no display, mask 6 and mask 30, each first with the web view off, then on with one
-watcher (headless chromium), then (mask 6) with a second watcher beside it. Prints a table.
-Usage: web_e2e.py BUILD_DIR [SECONDS]"""
+watcher (headless chromium), then (mask 6) with a second watcher beside it. Prints a table;
+with RESULTS_FILE, appends the figures as "web.FIGURE=VALUE" lines for bench/table.py; with
+BENCH_LOG set, appends the shell's output to that file.
+Usage: web_e2e.py BUILD_DIR [SECONDS] [RESULTS_FILE]"""
 import os
 import re
 import subprocess
@@ -15,6 +17,9 @@ from browser import Browser  # noqa: E402
 
 build = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else "build")
 seconds = float(sys.argv[2]) if len(sys.argv) > 2 else 20
+results_path = sys.argv[3] if len(sys.argv) > 3 else os.devnull
+with open(results_path, "a") as results:
+    results.write("web.load=%s\n" % " ".join(open("/proc/loadavg").read().split()[:3]))
 port = 20000 + os.getpid() % 20000
 environment = {k: v for k, v in os.environ.items() if k != "DISPLAY"}
 environment["LUMORA_SIM_DEVICES"] = "QRX100A"
@@ -64,11 +69,13 @@ say(f"set web_port {port}")
 say("search")
 say("select 0")
 rows = []
+drawn_before = 0
 with Browser() as browser:
     for mask in (6, 30):
         mark = len(output)
         say(f"run {mask}")
         wait_for(r"-> result : success", mark)
+        run_began = time.time()
         time.sleep(3)
         off = cpu_percent()
         mark = len(output)
@@ -103,10 +110,17 @@ with Browser() as browser:
                          r"p50 ([0-9.]+) ms p99 ([0-9.]+) ms", mark)
         mark = len(output)
         say("stop")
+        # The renderer's count comes from its own thread, before or after the result line.
         wait_for(r"-> result : success", mark)
-        rows.append((mask, off, on, two, rates, bytes_rate, stats.groups(), page_decode_p99))
+        drawn = int(wait_for(r": ([0-9]+) lists drawn", mark).group(1))
+        drawn_rate = (drawn - drawn_before) / (time.time() - run_began)
+        drawn_before = drawn
+        rows.append((mask, off, on, two, rates, bytes_rate, stats.groups(), page_decode_p99, drawn_rate))
 say("quit")
 shell.wait(20)
+if os.environ.get("BENCH_LOG"):
+    with open(os.environ["BENCH_LOG"], "a") as log:
+        log.writelines(output)
 
 names = {"1": "Depth", "2": "Amplitude", "3": "PCL-Depth", "4": "IPCL-Depth", "5": "IPCL-Amplitude"}
 print(f"\nWeb view end to end, VGA at 30 fps, no display, {seconds:.0f} s per figure "
@@ -114,8 +128,16 @@ print(f"\nWeb view end to end, VGA at 30 fps, no display, {seconds:.0f} s per fi
 print("| mask | off | on, 1 watcher | + 2nd watcher | pictures/s per view | bytes/s per watcher | "
       "delivery to socket p50 / p99 | delivery to page decoded p50 / p99 | decode in page p99 |")
 print("|---|---|---|---|---|---|---|---|---|")
-for mask, off, on, two, rates, bytes_rate, stats, page_p99 in rows:
+results = open(results_path, "a")
+for mask, off, on, two, rates, bytes_rate, stats, page_p99, drawn_rate in rows:
     views = ", ".join(f"{names[v]} {r:.1f}" for v, r in sorted(rates.items()))
     extra = f"{two:.1f} ({two - on:+.1f})" if two is not None else "-"
     print(f"| {mask} | {off:.1f} | {on:.1f} ({on - off:+.1f}) | {extra} | {views} | {bytes_rate / 1e6:.2f} MB/s | "
           f"{stats[0]} / {stats[1]} ms | {stats[2]} / {stats[3]} ms | {page_p99:.1f} ms |")
+    key = f"web.m{mask}"
+    results.write(f"{key}.cpu_off={off:.2f}\n{key}.cpu_on={on:.2f}\n{key}.lists_per_s={drawn_rate:.2f}\n"
+                  f"{key}.pictures_per_s_min={min(rates.values()):.2f}\n{key}.socket_p99_ms={stats[1]}\n"
+                  f"{key}.decoded_p99_ms={stats[3]}\n")
+    if two is not None:
+        results.write(f"{key}.cpu_two={two:.2f}\n")
+results.close()

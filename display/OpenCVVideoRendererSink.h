@@ -91,8 +91,10 @@ private:
     void createWindows(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
     Converted convertList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list,
                           const imaging::Projection& projection, imaging::ConversionContext& conversion);
+    // Adds to `latencies` the milliseconds from the list's delivery to the GUI thread's
+    // hand-over of its last image to the window system.
     void drawList(const Item& item, const imaging::Projection& projection, imaging::ConversionContext& conversion,
-                  web::Publisher* publisher);
+                  web::Publisher* publisher, std::vector<double>& latencies);
     // `drawnNext`: the images are drawn on afterwards, so the publisher gets copies.
     void publish(const Item& item, const Converted& pictures, bool drawnNext, web::Publisher& publisher);
     void readOutOnConsole(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
@@ -116,7 +118,7 @@ private:
     std::unique_ptr<imaging::Projection> mProjection;
     std::atomic<web::Publisher*> mPublisher{nullptr};
     // Lists drawn (or read out) and lists dropped at the queue since construction, logged
-    // when the render thread ends.
+    // when the render thread ends, with the run's delivery-to-window times.
     std::atomic<std::uint64_t> mDrawn{0};
     std::atomic<std::uint64_t> mDropped{0};
     std::thread mRenderThread;
