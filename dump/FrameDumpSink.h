@@ -13,6 +13,7 @@
 #include <halden/sensor/Lumora.h>
 
 #include "DumpListing.h"
+#include "DumpWriter.h"
 #include "Queue.h"
 
 namespace lumora::dump {
@@ -54,7 +55,16 @@ public:
     static void inspectDumpFile(const std::string& path) { dump::inspectDumpFile(path); }
 
 private:
+    enum class WriterEnd { kIdle, kGaveUp, kWriteFailed };
+    struct Written {
+        WriterEnd end;
+        std::uint32_t records;
+    };
+
     static void writerMain(FrameDumpSink* sink);
+    // The writer's loop: records from the queue into `file` until 100 ms pass without a list,
+    // the embedded line failed too often, or a write failed.
+    Written writeRecords(DumpWriter& file, std::uint8_t lineControl);
     // Waits for a writer whose capture has ended, and drops what it left in the queue.
     // Called with mWriterMutex held.
     void retireWriter();

@@ -69,9 +69,6 @@ start_shell() {
   rm -f "$WORKDIR/status" "$WORKDIR/raw" "$WORKDIR/stty.before" "$WORKDIR/stty.after"
   local environment=()
   [ $# -gt 0 ] && environment=(-e "LUMORA_SIM_DEVICES=$1")
-  # FILE_SIZE_LIMIT (KiB) caps the files the shell writes, as a full disk would, with
-  # SIGXFSZ ignored so that a write fails instead of ending the process.
-  [ -n "${FILE_SIZE_LIMIT:-}" ] && environment+=(-e "LUMORA_E2E_FSIZE=$FILE_SIZE_LIMIT")
   if [ "${NO_DISPLAY:-0}" != 1 ]; then
     start_display
     # As a desktop session gives it; without it Qt warns on the terminal. The windows need
@@ -81,7 +78,7 @@ start_shell() {
     environment+=(-e "DISPLAY=$XDISPLAY" -e "XDG_RUNTIME_DIR=$WORKDIR/runtime" -e QT_XCB_GL_INTEGRATION=none)
   fi
   tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${environment[@]}" \
-    bash -c 'set -m; [ -n "${LUMORA_E2E_FSIZE:-}" ] && { ulimit -f "$LUMORA_E2E_FSIZE"; trap "" XFSZ; }; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
+    bash -c 'set -m; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
     "$SHELL_BIN"
   tmux_ pipe-pane -o "cat >>'$WORKDIR/raw'"
   # The wrapper waits for this line, so that no byte of the shell's escapes the recording.
