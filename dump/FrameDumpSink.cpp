@@ -138,6 +138,10 @@ std::optional<Record> record_for(std::uint32_t mode, const std::shared_ptr<hs::L
 
 }  // namespace
 
+// A writer's first localtime_r would read the zone itself, unguarded against another thread
+// asking for local time at that moment.
+FrameDumpSink::FrameDumpSink() { tzset(); }
+
 FrameDumpSink::~FrameDumpSink() {
     stopDump();
     mQueue.stop();

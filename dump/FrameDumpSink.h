@@ -22,7 +22,8 @@ class FrameDumpSink : public halden::sensor::LumoraSink, public halden::sensor::
 public:
     using Entry = std::tuple<halden::sensor::LumoraSource*, std::shared_ptr<halden::sensor::LumoraFrameList>>;
 
-    FrameDumpSink() = default;
+    // Reads the time zone for the file names now, on the thread that builds the sink.
+    FrameDumpSink();
     // Stops a dump under way, waiting for its writer, and shuts the queue down.
     ~FrameDumpSink() override;
     FrameDumpSink(const FrameDumpSink&) = delete;

@@ -16,6 +16,7 @@
 #include "SimCamera.h"
 
 #include <cstdio>
+#include <utility>
 
 #include <pthread.h>
 
@@ -443,7 +444,7 @@ void SimCamera::deliver() {
         // The line follows a switch made since the list was filled.
         if (mSettings.embeddedDataLine != aheadLines) mFrames->writeLines(frameNumber, aheadDue, mSettings, *ahead);
         mNextFrameNumber = ++frameNumber;
-        handOver(std::move(ahead), lock);
+        handOver(std::exchange(ahead, nullptr), lock);
 
         const Clock::time_point now = Clock::now();
         if (now - deadline <= pace.slack) continue;
