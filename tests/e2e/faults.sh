@@ -91,7 +91,7 @@ lmr_says() {
 # --- Faults on a running camera, dumps under them, unplugs while dumping and prepared.
 session "QRX100A:160x120,QRX100A:160x120"
 say search "select 0"
-expect "run 6" "-> result : success"
+expect "run 30" "-> result : success"
 sleep 1 # the windows open meanwhile
 # A clean dump of a running camera: every frame asked for, and nothing for lmr to find.
 begin_dump "set frame_dump 1 10"
@@ -113,10 +113,15 @@ dump_ends gave_up.lmr "of the 30 frames asked for"
   fail "not six embedded-line failures"
 [ -e "$WORKDIR/framedump.lmr" ] && fail "framedump.lmr was not removed"
 (($(records_of 1 "$WORKDIR/gave_up.lmr") <= 10)) || fail "the writer did not give up"
-# Lists without a frame, empty, of 0 x 0, while the windows show them.
-for fault in 0:missing:4 0:empty:3 0:zero_size:3; do
-  expect "set sim_fault $fault" "-> result : success"
-  answers
+# Lists without a frame, empty, of 0 x 0, while the windows show them and while the
+# console reads them out.
+for display in on off; do
+  expect "set display $display" "-> result : success"
+  for fault in 0:missing:2 0:missing:16 0:empty:3 0:zero_size:3; do
+    expect "set sim_fault $fault" "-> result : success"
+    sleep 0.2 # for the lists to be drawn
+    answers
+  done
 done
 expect "set sim_fault 0:stall" "-> result : invalid parameter"
 expect "set sim_fault 7:empty" "-> result : no such device"
