@@ -148,15 +148,13 @@ retry "no record in the dump" has_a_record
 expect "set sim_detach 0" "onDetachedLumoraSource(sim:0)"
 wait_count "onLumoraCameraError:388 source(sim:0) error = 10" 1
 dump_ends unplugged.lmr "of the 300 frames asked for" unplugged
-(($(stat -c %s "$WORKDIR/unplugged.lmr") == 69 + RECORD[1] * $(records_of 1 "$WORKDIR/unplugged.lmr"))) ||
-  fail "the dump of the unplugged camera ends within a record"
 lmr_says unplugged.lmr 1 "of the 300 announced records are missing"
 expect "run" "-> result : no such device"
 expect "deselect" "-> result : success"
-# Unplugged while prepared, and a device gone between search and select.
-say search
-expect "select 0" "selected device(QRX100A:"
+# Unplugged while it is being prepared, and a device gone between search and select.
+say search "select 0"
 expect "set sim_detach 1" "onDetachedLumoraSource(sim:1)"
+wait_count "source(sim:1) state = 0" 2
 expect "run" "-> result : no such device"
 expect "deselect" "-> result : success"
 expect "set sim_attach QRX100A:160x120" "onAttachedLumoraSource(sim:2)"
@@ -183,12 +181,11 @@ expect "set sim_detach 1" "onLumoraCameraError:388 source(replay:1) error = 10"
 expect "deselect" "-> result : success"
 # Files cut short or rewritten while they play: the lists in memory play on, and a later
 # select of the changed file is refused.
-cp "$WORKDIR/depth.lmr" "$WORKDIR/other.lmr"
 for device in 2 3; do
   expect "select $device" "selected device(QRX100A:"
   expect "run 6" "-> result : success"
   [ $device = 2 ] && truncate -s 1000 "$WORKDIR/cut.lmr"
-  [ $device = 3 ] && cp "$WORKDIR/other.lmr" "$WORKDIR/rewritten.lmr"
+  [ $device = 3 ] && cp "$WORKDIR/depth.lmr" "$WORKDIR/rewritten.lmr"
   begin_dump "set frame_dump 1 15"
   dump_whole "replayed$device.lmr" 1 15
   expect "deselect" "-> result : success"
