@@ -13,7 +13,7 @@ out="$WORKDIR/session.out"
 # A failure shows the end of the session's output.
 raw_screen() { tr -d '\r' <"$out" | tail -40; }
 start_display
-mkdir -p -m 700 "$WORKDIR/runtime"
+mkdir -m 700 "$WORKDIR/runtime"
 
 # Starts the shell on a pipe with the devices $1; any further words run before it (ulimit).
 session() {
