@@ -91,7 +91,7 @@ lmr_says() {
 # --- Faults on a running camera, dumps under them, unplugs while dumping and prepared.
 session "QRX100A:160x120,QRX100A:160x120"
 say search "select 0"
-expect "run 30" "-> result : success"
+expect "run 6" "-> result : success"
 sleep 1 # the windows open meanwhile
 # A clean dump of a running camera: every frame asked for, and nothing for lmr to find.
 begin_dump "set frame_dump 1 10"
@@ -113,8 +113,10 @@ dump_ends gave_up.lmr "of the 30 frames asked for"
   fail "not six embedded-line failures"
 [ -e "$WORKDIR/framedump.lmr" ] && fail "framedump.lmr was not removed"
 (($(records_of 1 "$WORKDIR/gave_up.lmr") <= 10)) || fail "the writer did not give up"
-# Lists without a frame, empty, of 0 x 0, while the windows show them and while the
-# console reads them out.
+# Lists without a frame, empty, of 0 x 0, of every type, while the windows show them and
+# while the console reads them out.
+expect "stop" "-> result : success"
+expect "run 30" "-> result : success"
 for display in on off; do
   expect "set display $display" "-> result : success"
   for fault in 0:missing:2 0:missing:16 0:empty:3 0:zero_size:3; do
@@ -184,6 +186,7 @@ expect "deselect" "-> result : success"
 for device in 2 3; do
   expect "select $device" "selected device(QRX100A:"
   expect "run 6" "-> result : success"
+  sleep 1 # the windows open meanwhile
   [ $device = 2 ] && truncate -s 1000 "$WORKDIR/cut.lmr"
   [ $device = 3 ] && cp "$WORKDIR/depth.lmr" "$WORKDIR/rewritten.lmr"
   begin_dump "set frame_dump 1 15"
@@ -201,6 +204,7 @@ quit_session
 session "QRX100A:160x120" ulimit -f 100
 say search "select 0"
 expect "run 2" "-> result : success"
+sleep 1 # the windows open meanwhile
 begin_dump "set frame_dump 0 5"
 dump_ends full.lmr "holds 2 of the 5 frames asked for"
 wait_count "fail to write file! (File too large)" 1
