@@ -5,6 +5,7 @@
 #include <climits>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -19,6 +20,11 @@ DumpWriter::DumpWriter(const std::string& path)
 
 DumpWriter::~DumpWriter() {
     if (mFd >= 0) ::close(mFd);
+}
+
+bool DumpWriter::removed() const {
+    struct stat status {};
+    return mFd >= 0 && ::fstat(mFd, &status) == 0 && status.st_nlink == 0;
 }
 
 hs::Result DumpWriter::writeHead(const dump_header& header, const source_descriptor& source,

@@ -39,6 +39,8 @@ public:
                                        const std::vector<Bytes>& blocks);
 
     int lastError() const { return mError; }
+    // True when the file has no name left: removed while it was written.
+    bool removed() const;
 
 private:
     halden::sensor::Result writeAll(const std::vector<Bytes>& parts);

@@ -7,7 +7,8 @@
 // delivery thread only clears the running flag; the writer drains what is queued and ends
 // once 100 ms pass without a list. The writer thread is joined (under mWriterMutex, which
 // the delivery thread never takes) by the next request, by a camera state of 2 or 0, or by
-// the destructor, which also stops the queue.
+// the destructor, which also stops the queue. Ending, the writer logs a file that holds
+// fewer records than asked for, or that was removed while it was written.
 #include "FrameDumpSink.h"
 
 #include <chrono>
@@ -136,6 +137,10 @@ std::optional<Record> record_for(std::uint32_t mode, const std::shared_ptr<hs::L
 }
 
 }  // namespace
+
+// A writer's first localtime_r would read the zone itself, unguarded against another thread
+// asking for local time at that moment.
+FrameDumpSink::FrameDumpSink() { tzset(); }
 
 FrameDumpSink::~FrameDumpSink() {
     stopDump();
@@ -280,7 +285,8 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     localtime_r(&now, &local);
-    std::optional<DumpWriter> file(std::in_place, dump_file_name(name, serialNumber, local));
+    const std::string fileName = dump_file_name(name, serialNumber, local);
+    std::optional<DumpWriter> file(std::in_place, fileName);
     if (!file->isOpen()) {
         hs::Log::e(LUMORA_LOG_TAG(kName), "fail to open file!\n");
         return;
@@ -301,20 +307,34 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
         return;
     }
 
+    const auto [end, records] = sink->writeRecords(*file, lineControl);
+    const bool removed = file->removed();
+    file.reset();
+    // This fixed name, not the dump's own file.
+    if (end == WriterEnd::kGaveUp && std::remove("framedump.lmr") != 0)
+        hs::Log::e(LUMORA_LOG_TAG(kName), "fail to remove file!\n");
+    if (removed) hs::Log::e(LUMORA_LOG_TAG(kName), "%s was removed while it was written!\n", fileName.c_str());
+    const std::uint32_t wanted = sink->mWantedFrameCount.load(std::memory_order_relaxed);
+    if (records < wanted)
+        hs::Log::e(LUMORA_LOG_TAG(kName), "%s holds %u of the %u frames asked for\n", fileName.c_str(), records,
+                   wanted);
+}
+
+FrameDumpSink::Written FrameDumpSink::writeRecords(DumpWriter& file, std::uint8_t lineControl) {
     std::uint8_t index = 0;
+    std::uint32_t records = 0;
     int lineFailures = 0;
+    bool toldMissing = false;
     for (;;) {
-        auto [status, entry] = sink->mQueue.pop(kIdleEnd);
-        if (status != hs::RESULT_SUCCESS) break;
-        if (lineFailures > kMaxLineFailures) {
-            file.reset();
-            // This fixed name, not the dump's own file.
-            if (std::remove("framedump.lmr") != 0) hs::Log::e(LUMORA_LOG_TAG(kName), "fail to remove file!\n");
-            return;
-        }
-        const std::uint32_t mode = sink->mDumpMode.load(std::memory_order_relaxed);
+        auto [status, entry] = mQueue.pop(kIdleEnd);
+        if (status != hs::RESULT_SUCCESS) return {WriterEnd::kIdle, records};
+        if (lineFailures > kMaxLineFailures) return {WriterEnd::kGaveUp, records};
+        const std::uint32_t mode = mDumpMode.load(std::memory_order_relaxed);
         std::optional<Record> record = record_for(mode, std::get<1>(entry));
         if (!record) {
+            if (!toldMissing)
+                hs::Log::e(LUMORA_LOG_TAG(kName), "No frame for this dump mode in the frame list! Let's skip!\n");
+            toldMissing = true;
             ++index;
             continue;
         }
@@ -334,10 +354,11 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
             line = {lineProperty->data(), lineProperty->size()};
         }
         record->header.frame_index = index;
-        if (file->writeRecord(record->header, line, record->blocks) != hs::RESULT_SUCCESS) {
-            log_write_failure(file->lastError());
-            return;
+        if (file.writeRecord(record->header, line, record->blocks) != hs::RESULT_SUCCESS) {
+            log_write_failure(file.lastError());
+            return {WriterEnd::kWriteFailed, records};
         }
+        ++records;
         ++index;
     }
 }

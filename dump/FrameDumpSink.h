@@ -13,6 +13,7 @@
 #include <halden/sensor/Lumora.h>
 
 #include "DumpListing.h"
+#include "DumpWriter.h"
 #include "Queue.h"
 
 namespace lumora::dump {
@@ -21,7 +22,8 @@ class FrameDumpSink : public halden::sensor::LumoraSink, public halden::sensor::
 public:
     using Entry = std::tuple<halden::sensor::LumoraSource*, std::shared_ptr<halden::sensor::LumoraFrameList>>;
 
-    FrameDumpSink() = default;
+    // Reads the time zone for the file names now, on the thread that builds the sink.
+    FrameDumpSink();
     // Stops a dump under way, waiting for its writer, and shuts the queue down.
     ~FrameDumpSink() override;
     FrameDumpSink(const FrameDumpSink&) = delete;
@@ -54,7 +56,16 @@ public:
     static void inspectDumpFile(const std::string& path) { dump::inspectDumpFile(path); }
 
 private:
+    enum class WriterEnd { kIdle, kGaveUp, kWriteFailed };
+    struct Written {
+        WriterEnd end;
+        std::uint32_t records;
+    };
+
     static void writerMain(FrameDumpSink* sink);
+    // The writer's loop: records from the queue into `file` until 100 ms pass without a list,
+    // the embedded line failed too often, or a write failed.
+    Written writeRecords(DumpWriter& file, std::uint8_t lineControl);
     // Waits for a writer whose capture has ended, and drops what it left in the queue.
     // Called with mWriterMutex held.
     void retireWriter();

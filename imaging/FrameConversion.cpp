@@ -310,7 +310,8 @@ std::string consoleReadout(const std::string& fpsText, const std::shared_ptr<hs:
     char piece[160];
     for (std::size_t f = 0; f < list->size(); ++f) {
         const auto frame = list->at(f);
-        if (!frame) continue;
+        // A frame of no pixels has no centre to read.
+        if (!frame || frame->width() <= 0 || frame->height() <= 0) continue;
         const int cx = frame->width() / 2;
         const int cy = frame->height() / 2;
         const std::size_t centre = static_cast<std::size_t>(cy) * frame->width() + cx;

@@ -90,7 +90,7 @@ void drawMarker(WindowImage& image, cv::Point point);
 cv::Mat framerateImage(const std::string& fpsText);
 
 // The console read-out line of a list (display off): a carriage return, `fpsText`, then one
-// piece per frame with the value at the frame centre.
+// piece per frame with the value at the frame centre (none for a frame of 0 x 0).
 std::string consoleReadout(const std::string& fpsText, const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
 
 }  // namespace lumora::imaging

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Frame dumps through the real shell: the request errors, a dump of 5 frames in each mode
-# with embedded lines, reading a dump back, and a file-size limit standing in for a full
-# disk.
+# with embedded lines, whole and consistent for lmr, and reading a dump back. (Faults during
+# dumps, a full disk among them, are faults.sh's.)
 source "$(dirname "$0")/lib.sh"
 
+LMR_BIN=$(dirname "$SHELL_BIN")/../lmr/lmr
 # Record sizes of a 160 x 120 camera with its 160-byte embedded line, by mode.
 RECORD=(38575 76975 230575 307375)
-SKIP="annot get embedded data line in this time! Let's skip!"
 
 # Waits for the line after the command $2 at the prompt $1 to be the dump sink's log
 # entry $3 (its line number aside).
@@ -16,33 +16,32 @@ expect_log_after() {
 }
 log_follows() { [[ "$(line_after "$1")" =~ ^[EDIW]/FrameDumpSink:[0-9]+:\ (.*)$ && "${BASH_REMATCH[1]}" == "$2" ]]; }
 
-skips() { screen | grep -cF -- "$SKIP" || true; }
 # "Frame dump finished!" comes from the camera's thread, also right after a prompt.
 finished() { screen | grep -cF "Frame dump finished!" || true; }
 finished_at_least() { [ "$(finished)" -ge "$1" ]; }
 
-# True when the one dump file holds whole records of $1 bytes which, with the lists
-# skipped for want of an embedded line since $3 skips, make $2.
+# True when the one dump file holds $2 whole records of $1 bytes.
 dump_complete() {
   local files=("$WORKDIR"/QRX100A_LM*_framedump_[0-9]*.lmr) size
   [ ${#files[@]} -eq 1 ] && [ -f "${files[0]}" ] || return 1
   [[ ${files[0]##*/} =~ ^QRX100A_LM[0-9]+_framedump_[0-9]{14}\.lmr$ ]] || fail "file name ${files[0]##*/}"
   size=$(stat -c %s "${files[0]}")
-  (((size - 69) % $1 == 0 && (size - 69) / $1 + $(skips) - $3 == $2))
+  ((size - 69 == $1 * $2))
 }
 
-# Dumps $2 lists in mode $1 at the prompt, waits for the file and moves it to $3.
+# Dumps $2 lists in mode $1 at the prompt, waits for the file, moves it to $3 and has lmr
+# find nothing in it: every list of a running camera is there, with its embedded line.
 dump() {
-  local before finished results
-  before=$(skips)
+  local finished results report
   finished=$(finished)
   results=$(count_lines "-> result : success")
   # The writer's log entries may come before the result line.
   type_line "set frame_dump $1 $2"
   wait_for_count "-> result : success" $((results + 1))
   retry "no \"Frame dump finished!\" for mode $1" finished_at_least $((finished + 1))
-  retry "no complete dump of $2 in mode $1" dump_complete "${RECORD[$1]}" "$2" "$before"
+  retry "no complete dump of $2 in mode $1" dump_complete "${RECORD[$1]}" "$2"
   mv "$WORKDIR"/QRX100A_LM*_framedump_*.lmr "$WORKDIR/$3"
+  report=$("$LMR_BIN" info "$WORKDIR/$3") || fail "lmr info of the mode $1 dump: $report"
 }
 
 # Starts the shell with a small QRX100A and selects it; the prompt is then P.
@@ -73,6 +72,9 @@ wait_for_after "$(line_after "$P set frame_dump 1 5")" \
 expect_after "$P" "set log_level 1" "-> result : success"
 expect_after "$P" "stop" "-> result : success"
 expect_after "$P" "run 30" "-> result : success"
+# The windows open first: under ThreadSanitizer Qt's start takes the cores for a while, and a
+# camera held up for 100 ms would end a dump early.
+wait_window "^QRX100A IPCL-Amplitude"
 
 for mode in 0 1 2 3; do
   dump $mode 5 "mode$mode.lmr"
@@ -89,21 +91,5 @@ done
 type_line "quit"
 [ "$(wait_exit 10)" = 0 ] || fail "exit status after dumping"
 
-# A file-size limit of 100 KiB: the third record of a mode-0 dump fails, the error is
-# logged, the shell goes on, and a smaller dump then works.
-FILE_SIZE_LIMIT=100 open_camera
-expect_after "$P" "run 2" "-> result : success"
-# As in dump(): the writer's log entries may come before the result line.
-results=$(count_lines "-> result : success")
-type_line "set frame_dump 0 5"
-wait_for_count "-> result : success" $((results + 1))
-wait_for "Frame dump finished!"
-retry "no write error" shows -E '^E/FrameDumpSink:[0-9]+: fail to write file! \(File too large\)$'
-type_line ""
-rm -f "$WORKDIR"/QRX100A_LM*_framedump_*.lmr
-dump 0 2 "small.lmr"
-expect_after "$P" "version" "v2.3.0 : 2026-11-21"
-type_line "quit"
-[ "$(wait_exit 10)" = 0 ] || fail "exit status after a full disk"
 check_terminal_restored
 echo "dump: passed"

@@ -71,9 +71,6 @@ start_shell() {
   rm -f "$WORKDIR/status" "$WORKDIR/raw" "$WORKDIR/stty.before" "$WORKDIR/stty.after"
   local environment=()
   [ $# -gt 0 ] && environment=(-e "LUMORA_SIM_DEVICES=$1")
-  # FILE_SIZE_LIMIT (KiB) caps the files the shell writes, as a full disk would, with
-  # SIGXFSZ ignored so that a write fails instead of ending the process.
-  [ -n "${FILE_SIZE_LIMIT:-}" ] && environment+=(-e "LUMORA_E2E_FSIZE=$FILE_SIZE_LIMIT")
   if [ "${NO_DISPLAY:-0}" != 1 ]; then
     start_display
     # No XDG_RUNTIME_DIR, as after su or on a board without a login manager: Qt's notice
@@ -82,7 +79,7 @@ start_shell() {
     environment+=(-e "DISPLAY=$XDISPLAY" -e QT_XCB_GL_INTEGRATION=none)
   fi
   tmux_ -f "$WORKDIR/tmux.conf" new-session -d -x 80 -y 24 -c "$WORKDIR" "${environment[@]}" \
-    bash -c 'set -m; unset XDG_RUNTIME_DIR; [ -n "${LUMORA_E2E_FSIZE:-}" ] && { ulimit -f "$LUMORA_E2E_FSIZE"; trap "" XFSZ; }; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
+    bash -c 'set -m; unset XDG_RUNTIME_DIR; stty -g >stty.before; read -r go; "$0"; echo $? >status.tmp; stty -g >stty.after; mv status.tmp status' \
     "$SHELL_BIN"
   tmux_ pipe-pane -o "cat >>'$WORKDIR/raw'"
   # The wrapper waits for this line, so that no byte of the shell's escapes the recording.

@@ -7,7 +7,7 @@ source "$(dirname "$0")/lib.sh"
 
 session() {
   (cd "$WORKDIR" && LUMORA_SIM_DEVICES=$1 "$SHELL_BIN" 2>"$WORKDIR/err" | tr -d '\r' |
-    grep -v -e '^onLumora' -e '^FrameDumpSink:')
+    grep -v -e '^onLumora' -e '^FrameDumpSink:' | sed -E 's|^([EWID]/[A-Za-z]+):[0-9]+:|\1:NN:|')
 }
 check() {
   local got
@@ -45,7 +45,7 @@ script "LumoraShell>" \
   "set fps_error_check_max 20.5|$ok" "get fps_error_check_max|-> result : fps_error_check_max 20.500000" \
   "set fps_error_check_max high|$no" \
   "set log_level 9|-> result : out of range" "set log_level 2|$ok" "get log_level|-> result : log_level, 2" \
-  "set frame_dump 0 5|E/FrameDumpSink:184: Camera not exist!\n$ok" "set frame_dump zero 5|$no" "set frame_dump 0 five|$wrong" \
+  "set frame_dump 0 5|E/FrameDumpSink:NN: Camera not exist!\n$ok" "set frame_dump zero 5|$no" "set frame_dump 0 five|$wrong" \
   "set frobnicate 1|$no" "get frobnicate|$no" \
   "search|0) source name : QRX100A, serialNumber : LM0536240000, uri : sim:0\n1) source name : QRX200AP, serialNumber : LM2F3C650001, uri : sim:1\n2) source name : ZZ9, serialNumber : LMEC47E40002, uri : sim:2" \
   "select 1|selected device(QRX200AP:LM2F3C650001)" \

@@ -342,7 +342,8 @@ TEST_F(CameraTest, DataTypesAndEmbeddedLineFollowPropertiesWhileRunning) {
     };
     EXPECT_FALSE(switched(0));
     EXPECT_FALSE(hasLine(0));
-    // A change shows from one list on; only a list rendered ahead before it may still have the old form.
+    // A change of data type shows from one list on; only a list rendered ahead before it may
+    // still have the old form. The embedded line follows from the next list handed over.
     EXPECT_TRUE(switched(changedAt + 1));
     for (std::size_t i = 0; i < kept.size(); ++i) {
         EXPECT_TRUE(i == 0 || !switched(i - 1) || switched(i)) << i;
@@ -354,10 +355,10 @@ TEST_F(CameraTest, DataTypesAndEmbeddedLineFollowPropertiesWhileRunning) {
                 << "all frames of a list carry it or none";
         }
     }
-    for (std::size_t i = changedAt + 1; i < beforeLineOff; ++i) {
+    for (std::size_t i = changedAt; i < beforeLineOff; ++i) {
         EXPECT_TRUE(hasLine(i)) << i;
     }
-    for (std::size_t i = lineOffAt + 1; i < kept.size(); ++i) {
+    for (std::size_t i = lineOffAt; i < kept.size(); ++i) {
         EXPECT_FALSE(hasLine(i)) << i;
     }
 }

@@ -27,6 +27,10 @@ public:
               SimFrameList& list) override {
         mScene.render(frameNumber, due, settings, list);
     }
+    void writeLines(std::uint32_t frameNumber, std::uint64_t due, const SceneSettings& settings,
+                    SimFrameList& list) override {
+        mScene.writeLines(frameNumber, due, settings, list);
+    }
 
 private:
     Scene mScene;
@@ -55,19 +59,25 @@ public:
               SimFrameList& list) override {
         const std::size_t r = record(frameNumber);
         const std::uint8_t* blocks = mRecording->blocks(r);
-        const std::uint8_t* line = settings.embeddedDataLine ? mRecording->line(r) : nullptr;
-        const auto lineBytes = static_cast<std::size_t>(mRecording->info().width);
         for (const auto& frame : list.frames()) {
             // A point cloud's planes are the record's blocks in order; amplitude follows depth.
             const std::size_t first = frame->frameType() == LumoraFrame::FRAME_AMPLITUDE ? 1 : 0;
             std::memcpy(frame->mutableData(), blocks + first * mRecording->blockBytes(), frame->byteSize());
+        }
+        writeLines(frameNumber, 0, settings, list);
+        list.stamp(frameNumber, mRecording->timestamp(r));
+    }
+    void writeLines(std::uint32_t frameNumber, std::uint64_t /*due*/, const SceneSettings& settings,
+                    SimFrameList& list) override {
+        const std::uint8_t* line = settings.embeddedDataLine ? mRecording->line(record(frameNumber)) : nullptr;
+        const auto lineBytes = static_cast<std::size_t>(mRecording->info().width);
+        for (const auto& frame : list.frames()) {
             if (line == nullptr) {
                 frame->removeProperty(embedded_line_key());
-                continue;
+            } else {
+                std::memcpy(frame->embeddedLine(lineBytes), line, lineBytes);
             }
-            std::memcpy(frame->embeddedLine(lineBytes), line, lineBytes);
         }
-        list.stamp(frameNumber, mRecording->timestamp(r));
     }
 
 private:

@@ -41,6 +41,10 @@ public:
     // thread only.
     virtual void fill(std::uint32_t frameNumber, std::uint64_t due, const SceneSettings& settings,
                       SimFrameList& list) = 0;
+    // Gives the frames of a list filled as frame n the embedded line these settings ask for,
+    // or takes it away. The delivery thread only.
+    virtual void writeLines(std::uint32_t frameNumber, std::uint64_t due, const SceneSettings& settings,
+                            SimFrameList& list) = 0;
 };
 
 // A device's rendered scene: any frame type, any settings, frames due at the frame rate.

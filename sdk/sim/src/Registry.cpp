@@ -81,6 +81,13 @@ const LibraryKey kLibraryKeys[] = {
          return result == RESULT_SUCCESS ? registry.detach(number) : result;
      },
      nullptr},
+    {"sim_fault",
+     [](Registry& registry, const LumoraProperty& property) {
+         if (property.dataType() != DATA_TYPE_STRING) return RESULT_INVALID_PARAMETER;
+         const auto request = parse_fault(property.getString(""));
+         return request ? registry.injectFault(request->device, request->fault) : RESULT_INVALID_PARAMETER;
+     },
+     nullptr},
     {"sim_devices", nullptr,
      [](Registry& registry, const std::string& key) {
          return SimProperty::makeString(key, registry.deviceList(), true);
@@ -280,6 +287,21 @@ Result Registry::detach(int number) {
     if (camera) camera->unplug();
     announce(source, false);
     return RESULT_SUCCESS;
+}
+
+Result Registry::injectFault(int number, const Fault& fault) {
+    std::shared_ptr<SimCamera> camera;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        const auto it = std::find_if(mSources.begin(), mSources.end(),
+                                     [&](const std::shared_ptr<SimSource>& s) { return s->number() == number; });
+        if (it == mSources.end()) return RESULT_NO_SUCH_DEVICE;
+        for (const auto& weak : mCameras) {
+            auto open = weak.lock();
+            if (open && !open->isClosed() && open->source() == *it) camera = open;
+        }
+    }
+    return camera ? camera->injectFault(fault) : RESULT_NOT_READY;
 }
 
 std::shared_ptr<SimCamera> Registry::openCamera(const std::string& uri) {

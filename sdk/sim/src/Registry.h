@@ -10,6 +10,7 @@
 #include <halden/sensor/LumoraCamera.h>
 #include <halden/sensor/LumoraSource.h>
 
+#include "Faults.h"
 #include "SerialExecutor.h"
 #include "SimCamera.h"
 
@@ -38,6 +39,9 @@ public:
     // logged and refused with RESULT_INVALID_PARAMETER.
     Result attach(const std::string& entry);
     Result detach(int number);
+    // The fault on the open camera of device N: RESULT_NO_SUCH_DEVICE without such a
+    // device, RESULT_NOT_READY while no camera is open on it.
+    Result injectFault(int number, const Fault& fault);
     // The attached devices as a LUMORA_SIM_DEVICES value.
     std::string deviceList();
     // The open camera on the device with this URI, or null.

@@ -339,6 +339,12 @@ void Scene::writeEmbeddedLine(SimFrame& frame, std::uint32_t frameNumber, std::u
     std::memcpy(line, record, std::min(sizeof record, width));
 }
 
+void Scene::writeLines(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings,
+                       SimFrameList& list) const {
+    for (const auto& frame : list.frames())
+        writeEmbeddedLine(*frame, frameNumber, timestamp, settings);
+}
+
 std::shared_ptr<SimFrameList> Scene::makeList(std::uint32_t mask, const SceneSettings& settings, int width,
                                               int height) {
     auto list = std::make_shared<SimFrameList>();

@@ -74,6 +74,10 @@ public:
     // Fills every frame of the list (allocated to this scene's size) with frame
     // `frameNumber` and stamps the list. Not reentrant: one thread renders at a time.
     void render(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings, SimFrameList& list);
+    // Writes or removes the embedded lines of a list rendered as frame `frameNumber`, as the
+    // settings ask.
+    void writeLines(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings,
+                    SimFrameList& list) const;
 
 private:
     struct Ball {

@@ -5,7 +5,10 @@
 //   the source's pace sets, and hands the list to every sink in turn. It reads settings and
 //   sinks under mMutex, never holds a lock while calling a sink or filling a list, and is
 //   only ever joined with mControl held, so a sink that sets a property from its frame
-//   callback cannot deadlock a concurrent stop().
+//   callback cannot deadlock a concurrent stop(). A change of settings from another thread
+//   waits for a hand-over under way, so the next list handed over shows it; the line of a
+//   list filled ahead is rewritten at hand-over when the switch changed meanwhile. Faults
+//   (sim_fault) spoil the lists at hand-over, or hold delivery back before it.
 // - Events (mEvents): state and error callbacks in the order the life cycle produced them,
 //   one at a time. Posting never waits, so sinks may block in their state callbacks
 //   (joining threads of their own) while the camera's operations go on. close() drains the
@@ -13,6 +16,7 @@
 #include "SimCamera.h"
 
 #include <cstdio>
+#include <utility>
 
 #include <pthread.h>
 
@@ -183,6 +187,8 @@ Result SimCamera::stopLocked(std::unique_lock<std::mutex>& /*control*/) {
     if (mDelivery.joinable()) mDelivery.join();
     std::lock_guard<std::mutex> lock(mMutex);
     mDeliveryId = std::thread::id();
+    mListFaults.clear();  // a fault is meant for the run it was injected into
+    mStall = {};
     mState = STATE_STOPPED;
     postState(STATE_STOPPED);
     return RESULT_SUCCESS;
@@ -233,6 +239,7 @@ Result SimCamera::close() {
     std::lock_guard<std::mutex> lock(mMutex);
     mSinks.clear();
     mInjected.clear();
+    mListFaults.clear();
     return RESULT_SUCCESS;
 }
 
@@ -269,9 +276,31 @@ Result SimCamera::injectError(Result error) {
     return RESULT_SUCCESS;
 }
 
+Result SimCamera::injectFault(const Fault& fault) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (const Result result = usable(); result != RESULT_SUCCESS) return result;
+    if (fault.kind == Fault::kErrors) {
+        for (std::uint32_t i = 0; i < fault.argument; ++i)
+            postError(RESULT_FAIL);
+        return RESULT_SUCCESS;
+    }
+    if (mState != STATE_RUNNING) return RESULT_NOT_READY;
+    if (fault.kind == Fault::kStall) {
+        mStall = std::chrono::milliseconds(fault.argument);
+        mWake.notify_all();
+    } else {
+        mListFaults.push_back(fault);
+    }
+    return RESULT_SUCCESS;
+}
+
 template <typename At>
 Result SimCamera::changeSettings(std::size_t count, const At& at) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    std::unique_lock<std::mutex> lock(mMutex);
+    // As a library that attaches the line at delivery: the next list handed over after this
+    // returns has the new settings, so a hand-over under way is waited for. The delivery
+    // thread's own sinks may change settings during theirs.
+    if (!onDeliveryThread()) mHandedOver.wait(lock, [this] { return !mHandingOver; });
     if (const Result result = usable(); result != RESULT_SUCCESS) return result;
     SceneSettings settings = mSettings;
     for (std::size_t i = 0; i < count; ++i) {
@@ -381,8 +410,10 @@ void SimCamera::deliver() {
     Clock::time_point anchor = Clock::now();
     Seconds sinceAnchor{0.0};  // to the last deadline
     std::uint32_t frameNumber = mNextFrameNumber;
-    std::shared_ptr<LumoraFrameList> ahead;
+    std::shared_ptr<SimFrameList> ahead;
     Seconds aheadInterval{0.0};  // the interval the list ahead was stamped for
+    std::uint64_t aheadDue = 0;
+    bool aheadLines = false;  // whether the list ahead was filled with embedded lines
     while (!mStopDelivery) {
         const Pace pace = mFrames->paceBefore(frameNumber, mSettings);
         if (pace.interval != aheadInterval) ahead.reset();  // a new rate moves its deadline and stamp
@@ -392,9 +423,11 @@ void SimCamera::deliver() {
             const std::uint32_t mask = mWanted;
             lock.unlock();
             auto pooled = acquireList(mask, settings);
-            mFrames->fill(frameNumber, microsecondsSinceOpen(deadline), settings, *pooled);
+            aheadDue = microsecondsSinceOpen(deadline);
+            mFrames->fill(frameNumber, aheadDue, settings, *pooled);
             ahead = std::move(pooled);
             aheadInterval = pace.interval;
+            aheadLines = settings.embeddedDataLine;
             lock.lock();
             continue;  // the rate may have changed meanwhile
         }
@@ -402,9 +435,16 @@ void SimCamera::deliver() {
             return mStopDelivery || mFrames->paceBefore(frameNumber, mSettings).interval != pace.interval;
         };
         if (mWake.wait_until(lock, deadline, changed)) continue;
+        if (mStall.count() > 0) {
+            const auto until = Clock::now() + mStall;
+            mStall = {};
+            if (mWake.wait_until(lock, until, [this] { return mStopDelivery; })) continue;
+        }
         sinceAnchor += pace.interval;
+        // The line follows a switch made since the list was filled.
+        if (mSettings.embeddedDataLine != aheadLines) mFrames->writeLines(frameNumber, aheadDue, mSettings, *ahead);
         mNextFrameNumber = ++frameNumber;
-        handOver(std::move(ahead), lock);
+        handOver(std::exchange(ahead, nullptr), lock);
 
         const Clock::time_point now = Clock::now();
         if (now - deadline <= pace.slack) continue;
@@ -421,17 +461,50 @@ void SimCamera::deliver() {
     }
 }
 
-void SimCamera::handOver(std::shared_ptr<LumoraFrameList> list, std::unique_lock<std::mutex>& lock) {
+void SimCamera::handOver(std::shared_ptr<SimFrameList> own, std::unique_lock<std::mutex>& lock) {
     mDeliverySinks = mSinks;
+    std::shared_ptr<LumoraFrameList> list;
     if (!mInjected.empty()) {
         list = std::move(mInjected.front());
         mInjected.pop_front();
+    } else {
+        list = withFault(own);
     }
+    own.reset();
+    mHandingOver = true;
     lock.unlock();
     for (auto* sink : mDeliverySinks)
         sink->onLumoraFrameList(mSource.get(), list);
     list.reset();
     lock.lock();
+    mHandingOver = false;
+    mHandedOver.notify_all();
+}
+
+std::shared_ptr<LumoraFrameList> SimCamera::withFault(const std::shared_ptr<SimFrameList>& list) {
+    if (mListFaults.empty()) return list;
+    Fault& fault = mListFaults.front();
+    auto faulty = std::make_shared<SimFrameList>();
+    for (const auto& frame : list->frames()) {
+        switch (fault.kind) {
+            case Fault::kMissing:
+                if (frame->frameType() != fault.argument) faulty->add(frame);
+                break;
+            case Fault::kZeroSize:
+                faulty->add(std::make_shared<SimFrame>(frame->frameType(), frame->dataType(), 0, 0));
+                break;
+            case Fault::kNoLine:
+                frame->removeProperty(embedded_line_key());
+                faulty->add(frame);
+                break;
+            default:  // kEmpty
+                break;
+        }
+    }
+    faulty->stamp(list->frameNumber(), list->timestamp());
+    // A missing frame's argument is its type: it spoils one list.
+    if (fault.kind == Fault::kMissing || --fault.argument == 0) mListFaults.pop_front();
+    return faulty;
 }
 
 }  // namespace halden::sensor::sim

@@ -18,6 +18,7 @@
 
 #include "CameraProperties.h"
 #include "DeviceConfig.h"
+#include "Faults.h"
 #include "FrameSource.h"
 #include "Recording.h"
 #include "Scene.h"
@@ -84,6 +85,9 @@ public:
     // The next deadline delivers this list instead of one of its own.
     Result injectFrameList(std::shared_ptr<LumoraFrameList> list);
     Result injectError(Result error);
+    // Errors are reported by any open camera; the other faults need a running one
+    // (RESULT_NOT_READY) and act on the lists it delivers next.
+    Result injectFault(const Fault& fault);
 
 private:
     Result usable() const;  // mMutex held
@@ -103,8 +107,11 @@ private:
     Result changeSettings(std::size_t count, const At& at);
     CameraFacts facts() const;  // mMutex held
     void deliver();
-    // Hands a list to every sink; mMutex held on entry and on return, not during the calls.
-    void handOver(std::shared_ptr<LumoraFrameList> list, std::unique_lock<std::mutex>& lock);
+    // Hands a list (an injected one first, else `own` with any pending fault) to every sink;
+    // mMutex held on entry and on return, not during the calls.
+    void handOver(std::shared_ptr<SimFrameList> own, std::unique_lock<std::mutex>& lock);
+    // `list`, or a list made from it by the first pending list fault. mMutex held.
+    std::shared_ptr<LumoraFrameList> withFault(const std::shared_ptr<SimFrameList>& list);
     std::shared_ptr<SimFrameList> acquireList(std::uint32_t mask, const SceneSettings& settings);
     std::uint64_t microsecondsSinceOpen(std::chrono::steady_clock::time_point when) const;
 
@@ -128,6 +135,12 @@ private:
     SceneSettings mSettings;
     std::vector<LumoraSink*> mSinks;
     std::deque<std::shared_ptr<LumoraFrameList>> mInjected;
+    std::deque<Fault> mListFaults;
+    std::chrono::milliseconds mStall{0};
+    // True while the delivery thread calls the sinks; a change of settings waits for it to
+    // end, so that the next list handed over shows the change.
+    bool mHandingOver = false;
+    std::condition_variable mHandedOver;
 
     std::thread mDelivery;
     std::atomic<std::thread::id> mDeliveryId{};

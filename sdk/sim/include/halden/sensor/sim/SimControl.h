@@ -2,7 +2,16 @@
 // by hand, frames and faults injected into a running camera, and a fresh device list.
 // Devices are also plugged and unplugged through set_property with the keys "sim_attach"
 // (an entry "MODEL[:WxH][@FPS]", or "replay:PATH" for a dump file played as a camera) and
-// "sim_detach" (the N of the device's URI "sim:N" or "replay:N").
+// "sim_detach" (the N of the device's URI "sim:N" or "replay:N"), and faults are injected
+// into the camera open on device N with the key "sim_fault" and a value "N:FAULT[:ARG]":
+//   missing:T      the next list lacks its frame of type T (2, 4, 8 or 16)
+//   empty[:K]      the next K lists (default 1) hold no frame
+//   zero_size[:K]  the frames of the next K lists are 0 x 0
+//   no_line[:K]    the frames of the next K lists have no embedded_data_line
+//   stall:MS       delivery stops for MS milliseconds; the frames due meanwhile are lost
+//   errors[:K]     K error callbacks (RESULT_FAIL)
+// RESULT_INVALID_PARAMETER for a malformed value, RESULT_NO_SUCH_DEVICE without device N,
+// RESULT_NOT_READY without a camera open on it, or one not running for a fault but errors.
 #pragma once
 
 #include <cstdint>
