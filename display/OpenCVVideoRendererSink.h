@@ -115,8 +115,9 @@ private:
     std::mutex mProjectionMutex;
     std::unique_ptr<imaging::Projection> mProjection;
     std::atomic<web::Publisher*> mPublisher{nullptr};
-    // Lists drawn (or read out) and lists dropped at the queue since construction, logged
-    // when the render thread ends.
+    // Lists delivered, drawn (or read out) and dropped at the queue since construction,
+    // logged when the render thread ends.
+    std::atomic<std::uint64_t> mDelivered{0};
     std::atomic<std::uint64_t> mDrawn{0};
     std::atomic<std::uint64_t> mDropped{0};
     std::thread mRenderThread;

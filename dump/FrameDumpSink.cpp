@@ -166,7 +166,8 @@ void FrameDumpSink::onLumoraCameraError(hs::LumoraSource* source, hs::Result err
 void FrameDumpSink::onLumoraFrameList(hs::LumoraSource* source, const std::shared_ptr<hs::LumoraFrameList>& frameList) {
     if (!mRunning.load()) return;
     if (sFramesTaken.load(std::memory_order_relaxed) < mWantedFrameCount.load(std::memory_order_relaxed)) {
-        mQueue.push({source, hs::copy_frame_list(frameList)}, kPushWait);
+        if (mQueue.push({source, hs::copy_frame_list(frameList)}, kPushWait) != hs::RESULT_SUCCESS)
+            mDroppedLists.fetch_add(1, std::memory_order_relaxed);
         sFramesTaken.fetch_add(1, std::memory_order_relaxed);
         return;
     }
@@ -238,6 +239,7 @@ void FrameDumpSink::requestDump(std::uint32_t frameTypeMask, std::uint32_t mode,
     mWantedFrameCount.store(count, std::memory_order_relaxed);
     mDumpMode.store(mode, std::memory_order_relaxed);
     sFramesTaken.store(0, std::memory_order_relaxed);
+    mDroppedLists.store(0, std::memory_order_relaxed);
     const bool line = camera->setProperty(hs::make_property_bool("embedded_data_line", true)) == hs::RESULT_SUCCESS;
     mEmbeddedLineControl.store(line ? 1 : 0, std::memory_order_relaxed);
     // The camera is not called with the lock held: its state callbacks take the lock.
@@ -303,6 +305,18 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
 
     std::uint8_t index = 0;
     int lineFailures = 0;
+    std::uint32_t written = 0;
+    std::uint32_t withoutFrame = 0;
+    // So that a dump short of records says why. Lists taken after the writer ended (no list
+    // for 100 ms) are in no file.
+    const auto summary = [&] {
+        hs::Log::i(LUMORA_LOG_TAG(kName),
+                   "dump of %u lists, %u taken when the writer ended: %u records written, %u lists dropped at the "
+                   "queue, %u without the mode's frame, %d without an embedded line\n",
+                   sink->mWantedFrameCount.load(std::memory_order_relaxed),
+                   sFramesTaken.load(std::memory_order_relaxed), written,
+                   sink->mDroppedLists.load(std::memory_order_relaxed), withoutFrame, lineFailures);
+    };
     for (;;) {
         auto [status, entry] = sink->mQueue.pop(kIdleEnd);
         if (status != hs::RESULT_SUCCESS) break;
@@ -310,11 +324,13 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
             file.reset();
             // This fixed name, not the dump's own file.
             if (std::remove("framedump.lmr") != 0) hs::Log::e(LUMORA_LOG_TAG(kName), "fail to remove file!\n");
+            summary();
             return;
         }
         const std::uint32_t mode = sink->mDumpMode.load(std::memory_order_relaxed);
         std::optional<Record> record = record_for(mode, std::get<1>(entry));
         if (!record) {
+            ++withoutFrame;
             ++index;
             continue;
         }
@@ -336,10 +352,13 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
         record->header.frame_index = index;
         if (file->writeRecord(record->header, line, record->blocks) != hs::RESULT_SUCCESS) {
             log_write_failure(file->lastError());
+            summary();
             return;
         }
+        ++written;
         ++index;
     }
+    summary();
 }
 
 }  // namespace lumora::dump

@@ -46,7 +46,8 @@ public:
     // level; nothing is returned. While a dump is under way, a new request changes its count
     // and mode instead of starting another.
     void requestDump(std::uint32_t frameTypeMask, std::uint32_t mode, std::uint32_t count);
-    // Any thread but the delivery thread: ends the capture and waits for the writer.
+    // Any thread but the delivery thread: ends the capture and waits for the writer. The
+    // writer's end logs, at information level, what became of the lists the dump took.
     void stopDump();
 
     // The shell's way to the inspector: inspectDumpFile of DumpListing.h, which uses none of
@@ -70,6 +71,9 @@ private:
     std::atomic<std::uint32_t> mWantedFrameCount{0};
     std::atomic<std::uint32_t> mDumpMode{0};
     std::atomic<std::uint8_t> mEmbeddedLineControl{0};
+    // Lists of this dump dropped at the full queue; reset by the request, counted by the
+    // delivery thread, logged by the writer at its end.
+    std::atomic<std::uint32_t> mDroppedLists{0};
 
     // Frame lists taken since the last request, for the whole process.
     static std::atomic<std::uint32_t> sFramesTaken;
