@@ -7,10 +7,13 @@
 # make bench - set up, build and run the benchmarks, then print the table of figures; then
 #              the live display end to end under Xvfb (about three minutes), then the web
 #              view end to end with a headless browser (about three minutes)
+# make soak  - set up, build and run the soak: the shell streaming, dumping, re-plugged and
+#              stopped and started for SOAK_MINUTES (10 by default), with its figures each
+#              minute; exit status 0 only when it passes
 
 BUILD := build
 
-.PHONY: all setup build run test bench package clean
+.PHONY: all setup build run test bench soak package clean
 all: build
 
 setup:
@@ -33,6 +36,9 @@ bench: build
 	@$(BUILD)/bench/lumora-bench --benchmark_color=false
 	@bash bench/display_e2e.sh $(BUILD)
 	@/usr/bin/python3 bench/web_e2e.py $(BUILD)
+
+soak: build
+	@bash tests/soak/soak.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan $(BUILD)-arm64
