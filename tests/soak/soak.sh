@@ -23,9 +23,11 @@ LMR_BIN=$BUILD/lmr/lmr
 # What "flat" means: from the second minute on, the descriptors and threads at each
 # checkpoint (the VGA camera streaming mask 30, no dump, no stress test, 3 s after its
 # run) are those of the first such checkpoint; the resident memory there stays within
-# RSS_MARGIN MiB of it, and no RSS_RUN checkpoints in a row each grow by more than 1 MiB.
+# RSS_MARGIN MiB of the first, and the median of the last RSS_SPAN checkpoints within
+# RSS_DRIFT MiB of the median of the first RSS_SPAN (when there are twice as many).
 RSS_MARGIN=64
-RSS_RUN=6
+RSS_SPAN=5
+RSS_DRIFT=16
 # Every command's answer comes within this many seconds (a dump's end within its own).
 STEP_BOUND=60
 
@@ -324,14 +326,17 @@ echo "  checkpoints (s: RSS MiB/descriptors/threads): $(for i in "${!CP_RSS[@]}"
 if ((${#CP_RSS[@]} < 2)); then
   FAILURES+=("fewer than two checkpoints after the first minute")
 else
-  run=0
   for i in "${!CP_RSS[@]}"; do
     [ "${CP_FD[i]}" = "${CP_FD[0]}" ] || FAILURES+=("descriptors ${CP_FD[0]} -> ${CP_FD[i]} at ${CP_MIN[i]} s")
     [ "${CP_THR[i]}" = "${CP_THR[0]}" ] || FAILURES+=("threads ${CP_THR[0]} -> ${CP_THR[i]} at ${CP_MIN[i]} s")
     ((CP_RSS[i] <= CP_RSS[0] + RSS_MARGIN)) || FAILURES+=("RSS ${CP_RSS[0]} -> ${CP_RSS[i]} MiB at ${CP_MIN[i]} s")
-    if ((i > 0 && CP_RSS[i] > CP_RSS[i - 1] + 1)); then run=$((run + 1)); else run=0; fi
-    ((run < RSS_RUN)) || FAILURES+=("RSS grew at $RSS_RUN checkpoints in a row, to ${CP_RSS[i]} MiB at ${CP_MIN[i]} s")
   done
+  median() { printf '%s\n' "$@" | sort -n | sed -n "$(((${#} + 1) / 2))p"; }
+  if ((${#CP_RSS[@]} >= 2 * RSS_SPAN)); then
+    first=$(median "${CP_RSS[@]:0:RSS_SPAN}") last=$(median "${CP_RSS[@]: -RSS_SPAN}")
+    echo "  RSS median of the first $RSS_SPAN checkpoints $first MiB, of the last $RSS_SPAN $last MiB"
+    ((last <= first + RSS_DRIFT)) || FAILURES+=("RSS drifted: median $first -> $last MiB")
+  fi
 fi
 if ((${#FAILURES[@]})); then
   printf 'FAIL: %s\n' "${FAILURES[@]}"
