@@ -1,11 +1,10 @@
 #!/usr/bin/env bash
-# Frame dumps through the real shell: the request errors, a dump of 5 frames in each mode
-# with embedded lines, reading a dump back, and a file-size limit standing in for a full
-# disk.
+# Frame dumps through the real shell: the request errors, a dump of 5 frames with embedded
+# lines, reading a dump back, and a file-size limit standing in for a full disk.
 source "$(dirname "$0")/lib.sh"
 
-# Record sizes of a 160 x 120 camera with its 160-byte embedded line, by mode.
-RECORD=(38575 76975 230575 307375)
+# The record size of mode 0 for a 160 x 120 camera with its 160-byte embedded line.
+RECORD=(38575)
 SKIP="annot get embedded data line in this time! Let's skip!"
 
 # Waits for the line after the command $2 at the prompt $1 to be the dump sink's log
@@ -74,11 +73,10 @@ expect_after "$P" "set log_level 1" "-> result : success"
 expect_after "$P" "stop" "-> result : success"
 expect_after "$P" "run 30" "-> result : success"
 
-for mode in 0 1 2 3; do
-  dump $mode 5 "mode$mode.lmr"
-  [ "$(od -An -tu1 -j2 -N1 "$WORKDIR/mode$mode.lmr" | tr -d ' ')" = 1 ] || fail "no embedded lines in mode $mode"
-done
-[ "$(finished)" = 4 ] || fail "not one \"Frame dump finished!\" per dump"
+# One mode here; 300-list dumps in every mode, checked by lmr, are the soak's.
+dump 0 5 "mode0.lmr"
+[ "$(od -An -tu1 -j2 -N1 "$WORKDIR/mode0.lmr" | tr -d ' ')" = 1 ] || fail "no embedded lines in the dump"
+[ "$(finished)" = 1 ] || fail "not one \"Frame dump finished!\" for the dump"
 
 expect_after "$P" "get frame_dump mode0.lmr" "[Dump Header]"
 wait_for_count "  - [Reading Depth frame data...]" 5
