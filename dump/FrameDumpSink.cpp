@@ -166,7 +166,7 @@ void FrameDumpSink::onLumoraCameraError(hs::LumoraSource* source, hs::Result err
 void FrameDumpSink::onLumoraFrameList(hs::LumoraSource* source, const std::shared_ptr<hs::LumoraFrameList>& frameList) {
     if (!mRunning.load()) return;
     if (sFramesTaken.load(std::memory_order_relaxed) < mWantedFrameCount.load(std::memory_order_relaxed)) {
-        if (mQueue.push({source, hs::copy_frame_list(frameList)}, kPushWait) != hs::RESULT_SUCCESS)
+        if (mWriting.load() && mQueue.push({source, hs::copy_frame_list(frameList)}, kPushWait) != hs::RESULT_SUCCESS)
             mDroppedLists.fetch_add(1, std::memory_order_relaxed);
         sFramesTaken.fetch_add(1, std::memory_order_relaxed);
         return;
@@ -248,6 +248,7 @@ void FrameDumpSink::requestDump(std::uint32_t frameTypeMask, std::uint32_t mode,
     // A dump that ended since the check above still has its writer.
     if (mWriter.joinable()) mWriter.join();
     mRunning = true;
+    mWriting = true;
     mWriter = std::thread(writerMain, this);
 }
 
@@ -260,11 +261,27 @@ void FrameDumpSink::stopDump() {
 void FrameDumpSink::retireWriter() {
     if (mWriter.joinable()) mWriter.join();
     // Lists queued after a writer gave up belong to no file.
+    drainQueue();
+}
+
+void FrameDumpSink::drainQueue() {
     while (mQueue.pop(std::chrono::steady_clock::duration::zero()).first == hs::RESULT_SUCCESS) {
     }
 }
 
 void FrameDumpSink::writerMain(FrameDumpSink* sink) {
+    // However the writer ends, the capture stops copying and the copies it left are freed
+    // now rather than at the next request.
+    struct Ending {
+        explicit Ending(FrameDumpSink* owner) : sink(owner) {}
+        ~Ending() {
+            sink->mWriting = false;
+            sink->drainQueue();
+        }
+        Ending(const Ending&) = delete;
+        Ending& operator=(const Ending&) = delete;
+        FrameDumpSink* sink;
+    } ending{sink};
     hs::LumoraCamera* camera = sink->mAttachedCamera;
     if (camera == nullptr) {
         hs::Log::e(LUMORA_LOG_TAG(kName), "Camera not exist!\n");

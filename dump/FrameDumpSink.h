@@ -59,12 +59,17 @@ private:
     // Waits for a writer whose capture has ended, and drops what it left in the queue.
     // Called with mWriterMutex held.
     void retireWriter();
+    // Drops whatever the queue holds.
+    void drainQueue();
 
     std::atomic<halden::sensor::LumoraCamera*> mAttachedCamera{nullptr};
     // Guards the writer thread object; never taken on the delivery thread.
     std::mutex mWriterMutex;
     std::thread mWriter;
     std::atomic<bool> mRunning{false};
+    // True from a writer's start until its end; lists taken while it is false are counted
+    // but not copied, since no file would hold them.
+    std::atomic<bool> mWriting{false};
     halden::sensor::Queue<Entry> mQueue{10};
     std::atomic<int> mCameraState{0};
     // Written by the request, read by the callbacks and the writer.
