@@ -249,7 +249,10 @@ dump() {
   DUMPS_THIS_MINUTE+="${DUMPS_THIS_MINUTE:+; }$line"
   [ "$asked" = 300 ] || FAILURES+=("mode $mode dump announced $asked lists")
   [ "$found" = "$written" ] || FAILURES+=("mode $mode dump: lmr found $found records, the shell wrote $written")
-  ((found + dropped + without + lines == taken)) || FAILURES+=("mode $mode dump: $found of $taken records, unexplained")
+  # A writer that ended early may have been sent lists after its last look at the queue.
+  if ((taken == asked ? found + dropped + without + lines != taken : found + dropped + without + lines > taken)); then
+    FAILURES+=("mode $mode dump: $found of $taken records, unexplained")
+  fi
   grep -qE '^ *embedded_line_control +1$' <<<"$info" || FAILURES+=("mode $mode dump: no embedded lines")
   ! grep -qE 'cut short|cannot be read' <<<"$info" || FAILURES+=("mode $mode dump: $(grep -m1 -E 'cut short|cannot be read' <<<"$info")")
 }
