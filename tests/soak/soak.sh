@@ -98,7 +98,7 @@ tick() {
 }
 
 report() {
-  local cpu now ticks rss fd thr renderer
+  local cpu now ticks rss fd thr renderer d n m
   alive || fail "the shell is gone"
   now=$SECONDS
   ticks=$(cpu_ticks)
