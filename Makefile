@@ -10,10 +10,13 @@
 #              baseline and bound: about ten minutes once built (9.5 to 10.5 measured). Only
 #              figures go to the terminal; the sinks' trace lines and the shells' output go
 #              to $(BUILD)/bench.log.
+# make soak  - set up, build and run the soak: the shell streaming, dumping, re-plugged and
+#              stopped and started for SOAK_MINUTES (10 by default), with its figures each
+#              minute; exit status 0 only when it passes
 
 BUILD := build
 
-.PHONY: all setup build run test bench package clean
+.PHONY: all setup build run test bench soak package clean
 all: build
 
 setup:
@@ -43,6 +46,9 @@ bench: build
 	@/usr/bin/python3 bench/web_e2e.py $(BUILD) 20 $(RESULTS)
 	@/usr/bin/python3 bench/scaling.py $(BUILD) $(RESULTS) $(BUILD)/scaling.png
 	@/usr/bin/python3 bench/table.py $(RESULTS)
+
+soak: build
+	@bash tests/soak/soak.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan $(BUILD)-arm64

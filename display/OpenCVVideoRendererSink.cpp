@@ -153,6 +153,7 @@ void OpenCVVideoRendererSink::onLumoraFrameList(hs::LumoraSource* source,
         else
             std::snprintf(mFpsText, sizeof mFpsText, "fps : %.2f", status.frameRate);
     }
+    mDelivered.fetch_add(1, std::memory_order_relaxed);
     const auto delivered = std::chrono::steady_clock::now();
     if (mFrameQueue.push(Item(source, hs::copy_frame_list(frameList), delivered), kPushTimeout) != hs::RESULT_SUCCESS)
         mDropped.fetch_add(1, std::memory_order_relaxed);
@@ -417,9 +418,10 @@ void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
         if (!mWindowsCreated.load()) createWindows(list);
         drawList(item, projection, conversion, publisher, latencies);
     }
-    hs::Log::i(LUMORA_LOG_TAG("OpenCVVideoRendererSink"), "%llu lists drawn, %llu dropped at the queue, %s",
+    hs::Log::i(LUMORA_LOG_TAG("OpenCVVideoRendererSink"),
+               "%llu lists drawn, %llu dropped at the queue, %s; %llu lists delivered",
                static_cast<unsigned long long>(mDrawn.load()), static_cast<unsigned long long>(mDropped.load()),
-               fpsText().c_str());
+               fpsText().c_str(), static_cast<unsigned long long>(mDelivered.load()));
     if (!latencies.empty())
         hs::Log::i(LUMORA_LOG_TAG("OpenCVVideoRendererSink"),
                    "delivery to the window system p50 %.2f ms p99 %.2f ms over %zu lists drawn in windows",

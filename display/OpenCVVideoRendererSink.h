@@ -117,8 +117,9 @@ private:
     std::mutex mProjectionMutex;
     std::unique_ptr<imaging::Projection> mProjection;
     std::atomic<web::Publisher*> mPublisher{nullptr};
-    // Lists drawn (or read out) and lists dropped at the queue since construction, logged
-    // when the render thread ends, with the run's delivery-to-window times.
+    // Lists delivered, drawn (or read out) and dropped at the queue since construction,
+    // logged when the render thread ends, with the run's delivery-to-window times.
+    std::atomic<std::uint64_t> mDelivered{0};
     std::atomic<std::uint64_t> mDrawn{0};
     std::atomic<std::uint64_t> mDropped{0};
     std::thread mRenderThread;

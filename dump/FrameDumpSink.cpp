@@ -34,7 +34,7 @@ constexpr const char* kName = "FrameDumpSink";
 constexpr auto kPushWait = 1ms;
 constexpr auto kIdleEnd = 100ms;
 // More embedded-line failures than this end a dump.
-constexpr int kMaxLineFailures = 5;
+constexpr std::uint32_t kMaxLineFailures = 5;
 
 std::string uri_of(const hs::LumoraSource* source) { return source != nullptr ? source->uri() : std::string(); }
 
@@ -171,7 +171,8 @@ void FrameDumpSink::onLumoraCameraError(hs::LumoraSource* source, hs::Result err
 void FrameDumpSink::onLumoraFrameList(hs::LumoraSource* source, const std::shared_ptr<hs::LumoraFrameList>& frameList) {
     if (!mRunning.load()) return;
     if (sFramesTaken.load(std::memory_order_relaxed) < mWantedFrameCount.load(std::memory_order_relaxed)) {
-        mQueue.push({source, hs::copy_frame_list(frameList)}, kPushWait);
+        if (mWriting.load() && mQueue.push({source, hs::copy_frame_list(frameList)}, kPushWait) != hs::RESULT_SUCCESS)
+            mDroppedLists.fetch_add(1, std::memory_order_relaxed);
         sFramesTaken.fetch_add(1, std::memory_order_relaxed);
         return;
     }
@@ -243,6 +244,7 @@ void FrameDumpSink::requestDump(std::uint32_t frameTypeMask, std::uint32_t mode,
     mWantedFrameCount.store(count, std::memory_order_relaxed);
     mDumpMode.store(mode, std::memory_order_relaxed);
     sFramesTaken.store(0, std::memory_order_relaxed);
+    mDroppedLists.store(0, std::memory_order_relaxed);
     const bool line = camera->setProperty(hs::make_property_bool("embedded_data_line", true)) == hs::RESULT_SUCCESS;
     mEmbeddedLineControl.store(line ? 1 : 0, std::memory_order_relaxed);
     // The camera is not called with the lock held: its state callbacks take the lock.
@@ -251,6 +253,7 @@ void FrameDumpSink::requestDump(std::uint32_t frameTypeMask, std::uint32_t mode,
     // A dump that ended since the check above still has its writer.
     if (mWriter.joinable()) mWriter.join();
     mRunning = true;
+    mWriting = true;
     mWriter = std::thread(writerMain, this);
 }
 
@@ -263,11 +266,27 @@ void FrameDumpSink::stopDump() {
 void FrameDumpSink::retireWriter() {
     if (mWriter.joinable()) mWriter.join();
     // Lists queued after a writer gave up belong to no file.
+    drainQueue();
+}
+
+void FrameDumpSink::drainQueue() {
     while (mQueue.pop(std::chrono::steady_clock::duration::zero()).first == hs::RESULT_SUCCESS) {
     }
 }
 
 void FrameDumpSink::writerMain(FrameDumpSink* sink) {
+    // However the writer ends, the capture stops copying and the copies it left are freed
+    // now rather than at the next request.
+    struct Ending {
+        explicit Ending(FrameDumpSink* owner) : sink(owner) {}
+        ~Ending() {
+            sink->mWriting = false;
+            sink->drainQueue();
+        }
+        Ending(const Ending&) = delete;
+        Ending& operator=(const Ending&) = delete;
+        FrameDumpSink* sink;
+    } ending{sink};
     hs::LumoraCamera* camera = sink->mAttachedCamera;
     if (camera == nullptr) {
         hs::Log::e(LUMORA_LOG_TAG(kName), "Camera not exist!\n");
@@ -307,34 +326,41 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
         return;
     }
 
-    const auto [end, records] = sink->writeRecords(*file, lineControl);
+    const Written written = sink->writeRecords(*file, lineControl);
     const bool removed = file->removed();
     file.reset();
     // This fixed name, not the dump's own file.
-    if (end == WriterEnd::kGaveUp && std::remove("framedump.lmr") != 0)
+    if (written.end == WriterEnd::kGaveUp && std::remove("framedump.lmr") != 0)
         hs::Log::e(LUMORA_LOG_TAG(kName), "fail to remove file!\n");
     if (removed) hs::Log::e(LUMORA_LOG_TAG(kName), "%s was removed while it was written!\n", fileName.c_str());
     const std::uint32_t wanted = sink->mWantedFrameCount.load(std::memory_order_relaxed);
-    if (records < wanted)
-        hs::Log::e(LUMORA_LOG_TAG(kName), "%s holds %u of the %u frames asked for\n", fileName.c_str(), records,
+    if (written.records < wanted)
+        hs::Log::e(LUMORA_LOG_TAG(kName), "%s holds %u of the %u frames asked for\n", fileName.c_str(), written.records,
                    wanted);
+    // So that a dump short of records says why. Lists taken after the writer ended (no list
+    // for 100 ms) are in no file.
+    hs::Log::i(LUMORA_LOG_TAG(kName),
+               "dump of %u lists, %u taken when the writer ended: %u records written, %u lists dropped at the "
+               "queue, %u without the mode's frame, %u without an embedded line\n",
+               wanted, sFramesTaken.load(std::memory_order_relaxed), written.records,
+               sink->mDroppedLists.load(std::memory_order_relaxed), written.withoutFrame, written.lineFailures);
 }
 
 FrameDumpSink::Written FrameDumpSink::writeRecords(DumpWriter& file, std::uint8_t lineControl) {
     std::uint8_t index = 0;
-    std::uint32_t records = 0;
-    int lineFailures = 0;
-    bool toldMissing = false;
+    Written written{WriterEnd::kIdle, 0, 0, 0};
     for (;;) {
         auto [status, entry] = mQueue.pop(kIdleEnd);
-        if (status != hs::RESULT_SUCCESS) return {WriterEnd::kIdle, records};
-        if (lineFailures > kMaxLineFailures) return {WriterEnd::kGaveUp, records};
+        if (status != hs::RESULT_SUCCESS) return written;
+        if (written.lineFailures > kMaxLineFailures) {
+            written.end = WriterEnd::kGaveUp;
+            return written;
+        }
         const std::uint32_t mode = mDumpMode.load(std::memory_order_relaxed);
         std::optional<Record> record = record_for(mode, std::get<1>(entry));
         if (!record) {
-            if (!toldMissing)
+            if (written.withoutFrame++ == 0)
                 hs::Log::e(LUMORA_LOG_TAG(kName), "No frame for this dump mode in the frame list! Let's skip!\n");
-            toldMissing = true;
             ++index;
             continue;
         }
@@ -348,7 +374,7 @@ FrameDumpSink::Written FrameDumpSink::writeRecords(DumpWriter& file, std::uint8_
                            mode == DUMP_DEPTH
                                ? "Cannot get embedded data line in this time! Let's skip!\n"
                                : "Something wrong.. cannot get embedded data line in this time! Let's skip!\n");
-                ++lineFailures;
+                ++written.lineFailures;
                 continue;
             }
             line = {lineProperty->data(), lineProperty->size()};
@@ -356,9 +382,10 @@ FrameDumpSink::Written FrameDumpSink::writeRecords(DumpWriter& file, std::uint8_
         record->header.frame_index = index;
         if (file.writeRecord(record->header, line, record->blocks) != hs::RESULT_SUCCESS) {
             log_write_failure(file.lastError());
-            return {WriterEnd::kWriteFailed, records};
+            written.end = WriterEnd::kWriteFailed;
+            return written;
         }
-        ++records;
+        ++written.records;
         ++index;
     }
 }

@@ -48,7 +48,8 @@ public:
     // level; nothing is returned. While a dump is under way, a new request changes its count
     // and mode instead of starting another.
     void requestDump(std::uint32_t frameTypeMask, std::uint32_t mode, std::uint32_t count);
-    // Any thread but the delivery thread: ends the capture and waits for the writer.
+    // Any thread but the delivery thread: ends the capture and waits for the writer. The
+    // writer's end logs, at information level, what became of the lists the dump took.
     void stopDump();
 
     // The shell's way to the inspector: inspectDumpFile of DumpListing.h, which uses none of
@@ -57,9 +58,12 @@ public:
 
 private:
     enum class WriterEnd { kIdle, kGaveUp, kWriteFailed };
+    // How the writer ended and what became of the lists it took.
     struct Written {
         WriterEnd end;
         std::uint32_t records;
+        std::uint32_t withoutFrame;  // lists without the mode's frame
+        std::uint32_t lineFailures;  // lists without an embedded line
     };
 
     static void writerMain(FrameDumpSink* sink);
@@ -69,18 +73,26 @@ private:
     // Waits for a writer whose capture has ended, and drops what it left in the queue.
     // Called with mWriterMutex held.
     void retireWriter();
+    // Drops whatever the queue holds.
+    void drainQueue();
 
     std::atomic<halden::sensor::LumoraCamera*> mAttachedCamera{nullptr};
     // Guards the writer thread object; never taken on the delivery thread.
     std::mutex mWriterMutex;
     std::thread mWriter;
     std::atomic<bool> mRunning{false};
+    // True from a writer's start until its end; lists taken while it is false are counted
+    // but not copied, since no file would hold them.
+    std::atomic<bool> mWriting{false};
     halden::sensor::Queue<Entry> mQueue{10};
     std::atomic<int> mCameraState{0};
     // Written by the request, read by the callbacks and the writer.
     std::atomic<std::uint32_t> mWantedFrameCount{0};
     std::atomic<std::uint32_t> mDumpMode{0};
     std::atomic<std::uint8_t> mEmbeddedLineControl{0};
+    // Lists of this dump dropped at the full queue; reset by the request, counted by the
+    // delivery thread, logged by the writer at its end.
+    std::atomic<std::uint32_t> mDroppedLists{0};
 
     // Frame lists taken since the last request, for the whole process.
     static std::atomic<std::uint32_t> sFramesTaken;
