@@ -177,13 +177,16 @@ select_camera() {
 # --- a cycle's parts ---
 CAMERA=""
 replug() {
-  local number=${CAMERA#sim:} attached
-  step "set sim_detach $number" "onDetachedLumoraSource($CAMERA)"
+  local number=${CAMERA#sim:} before
+  # The library announces plugging from its own thread, also after the command's answer.
+  before=$(out_count "onDetachedLumoraSource($CAMERA)")
+  step "set sim_detach $number" "-> result : success"
+  await 30 "no onDetachedLumoraSource($CAMERA)" more_than "onDetachedLumoraSource($CAMERA)" "$before"
   step deselect
+  before=$(out_count "onAttachedLumoraSource(")
   step "set sim_attach QRX100A:640x480@30" "-> result : success"
-  attached=$(sed -n 's/.*onAttachedLumoraSource(\(sim:[0-9]*\)).*/\1/p' <<<"$STEP_OUT" | tail -1)
-  [ -n "$attached" ] || fail "no attached device after sim_attach"
-  CAMERA=$attached
+  await 30 "no onAttachedLumoraSource after sim_attach" more_than "onAttachedLumoraSource(" "$before"
+  CAMERA=$(grep -ao 'onAttachedLumoraSource(sim:[0-9]*)' "$WORKDIR/out" | tail -1 | sed 's/.*(\(.*\))/\1/')
   select_camera "$CAMERA"
   step "run 30" "-> result : success"
   checkpoint
