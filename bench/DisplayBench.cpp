@@ -26,8 +26,8 @@
 
 #include <halden/sensor/sim/SimControl.h>
 
-#include "ColorMaps.h"
-#include "FrameConversion.h"
+#include "imaging/ColorMaps.h"
+#include "imaging/FrameConversion.h"
 
 namespace {
 

@@ -23,28 +23,23 @@
 
 #include <halden/sensor/Lumora.h>
 
-#include "DumpFormat.h"
-#include "DumpWriter.h"
-#include "FrameDumpSink.h"
+#include "dump/DumpWriter.h"
+#include "dump/FrameDumpSink.h"
+#include "format/DumpFormat.h"
+#include "pipeline/Percentile.h"
 
 namespace {
 
 namespace hs = halden::sensor;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using lumora::pipeline::percentile;
 using namespace std::chrono_literals;
 
 constexpr std::uint32_t kFrames = 300;
 // The run mask that serves each mode with the least to copy.
 constexpr std::uint32_t kMasks[] = {2, 2 | 4, 8, 16};
 constexpr std::size_t kBlocks[] = {1, 2, 3, 4};
-
-double percentile(std::vector<double> samples, double fraction) {
-    if (samples.empty()) return 0.0;
-    const auto k = static_cast<std::size_t>(fraction * static_cast<double>(samples.size() - 1));
-    std::nth_element(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(k), samples.end());
-    return samples[k];
-}
 
 // Works in a fresh directory beside the current one, on the same file system.
 class ScratchDirectory {
@@ -149,8 +144,8 @@ void BM_Dump300VgaFrames(benchmark::State& state) {
     const auto files = scratch.dumps();
     const std::uintmax_t size = files.size() == 1 ? fs::file_size(files[0]) : 0;
     const std::uintmax_t record =
-        sizeof(lumora::dump::frame_header) + 640 + kBlocks[mode] * 640 * 480 * lumora::dump::element_size(mode);
-    const double records = size >= lumora::dump::kHeadBytes ? double(size - lumora::dump::kHeadBytes) / record : 0;
+        sizeof(lumora::format::frame_header) + 640 + kBlocks[mode] * 640 * 480 * lumora::format::element_size(mode);
+    const double records = size >= lumora::format::kHeadBytes ? double(size - lumora::format::kHeadBytes) / record : 0;
     state.counters["records"] = records;
     state.counters["lost"] = kFrames - records;
     state.counters["samples"] = static_cast<double>(millis.size());
@@ -175,6 +170,7 @@ double dd_megabytes_per_second() {
 // About `bytes` of width x height mode-3 records through the dump writer, with a final fsync.
 double writer_megabytes_per_second(const std::vector<float>& planes, int width, int height, std::size_t bytes) {
     using namespace lumora::dump;
+    using namespace lumora::format;
     const std::size_t plane = planes.size() / 4 * sizeof(float);
     const std::size_t records = std::max<std::size_t>(1, bytes / (sizeof(frame_header) + 4 * plane));
     const auto begin = Clock::now();

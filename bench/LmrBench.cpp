@@ -19,12 +19,12 @@
 
 #include <opencv2/imgcodecs.hpp>
 
-#include "ColorMaps.h"
 #include "DeviceConfig.h"
-#include "DumpFormat.h"
-#include "DumpWriter.h"
-#include "FrameConversion.h"
 #include "Scene.h"
+#include "dump/DumpWriter.h"
+#include "format/DumpFormat.h"
+#include "imaging/ColorMaps.h"
+#include "imaging/FrameConversion.h"
 
 namespace {
 
@@ -64,6 +64,7 @@ public:
         lumora::imaging::setGrayRange(lumora::imaging::modelRanges(device.model).gray);
 
         using namespace lumora::dump;
+        using namespace lumora::format;
         DumpWriter writer(file());
         camera_descriptor camera{kCameraDescriptorTag, 0x312, {}, {}, {}};
         fill_text_field(camera.camera_name, device.model);

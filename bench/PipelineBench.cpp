@@ -19,13 +19,15 @@
 #include <utility>
 #include <vector>
 
-#include "ColorMaps.h"
-#include "Queue.h"
+#include "imaging/ColorMaps.h"
+#include "pipeline/Percentile.h"
+#include "pipeline/Queue.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using lumora::pipeline::percentile;
 // A sequence number and a shared reference, like the frame queue's (source, list) items.
 using Item = std::pair<std::uint64_t, std::shared_ptr<int>>;
 
@@ -88,12 +90,6 @@ std::thread consume(Q& queue, Take take) {
             take(item.first);
         }
     });
-}
-
-double percentile(std::vector<double> samples, double fraction) {
-    const auto k = static_cast<std::size_t>(fraction * static_cast<double>(samples.size() - 1));
-    std::nth_element(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(k), samples.end());
-    return samples[k];
 }
 
 double median3(double a, double b, double c) { return std::max(std::min(a, b), std::min(std::max(a, b), c)); }

@@ -25,9 +25,9 @@
 #include <halden/sensor/Lumora.h>
 #include <halden/sensor/sim/SimControl.h>
 
-#include "DumpFormat.h"
-#include "DumpWriter.h"
 #include "Ticker.h"
+#include "dump/DumpWriter.h"
+#include "format/DumpFormat.h"
 
 namespace {
 
@@ -53,6 +53,7 @@ namespace {
 
 namespace hs = halden::sensor;
 namespace dump = lumora::dump;
+namespace format = lumora::format;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kWidth = 640;
@@ -65,12 +66,12 @@ constexpr std::size_t kWarmUp = 20;  // lists before the pool of lists is full
 // A mode-1 VGA dump with embedded lines, recorded at 30 fps.
 bool write_recording(const std::string& path) {
     dump::DumpWriter writer(path);
-    dump::dump_header header{dump::kSyncByte, 1, kRecords, dump::DUMP_DEPTH_AMPLITUDE};
-    dump::source_descriptor source{dump::kSourceDescriptorTag, {}};
-    dump::camera_descriptor camera{dump::kCameraDescriptorTag, 0x0312, {}, {}, {}};
-    dump::fill_text_field(source.source_type, "sim");
-    dump::fill_text_field(camera.serial_number, "LM0000010000");
-    dump::fill_text_field(camera.camera_name, "QRX100A");
+    format::dump_header header{format::kSyncByte, 1, kRecords, format::DUMP_DEPTH_AMPLITUDE};
+    format::source_descriptor source{format::kSourceDescriptorTag, {}};
+    format::camera_descriptor camera{format::kCameraDescriptorTag, 0x0312, {}, {}, {}};
+    format::fill_text_field(source.source_type, "sim");
+    format::fill_text_field(camera.serial_number, "LM0000010000");
+    format::fill_text_field(camera.camera_name, "QRX100A");
     if (writer.writeHead(header, source, camera) != hs::RESULT_SUCCESS) return false;
     std::vector<std::uint16_t> depth(std::size_t{kWidth} * kHeight), amplitude(depth.size());
     std::vector<std::uint8_t> line(kWidth);
@@ -80,8 +81,8 @@ bool write_recording(const std::string& path) {
             amplitude[i] = static_cast<std::uint16_t>((i * 3 + r) % 2000);
         }
         line[0] = static_cast<std::uint8_t>(r);
-        const dump::frame_header frame{static_cast<std::uint8_t>(r), kWidth, kHeight, 2,
-                                       1000000 + r * kRecordedInterval};
+        const format::frame_header frame{static_cast<std::uint8_t>(r), kWidth, kHeight, 2,
+                                         1000000 + r * kRecordedInterval};
         if (writer.writeRecord(frame, {line.data(), line.size()},
                                {{depth.data(), depth.size() * 2}, {amplitude.data(), amplitude.size() * 2}}) !=
             hs::RESULT_SUCCESS)

@@ -5,7 +5,7 @@
 // dropped. Shutdown: states 2 and 0 (and destruction) stop the queue, which wakes the render
 // thread at once, clear `running` and join the thread; the windows are then closed on the
 // GUI thread.
-#include "OpenCVVideoRendererSink.h"
+#include "display/OpenCVVideoRendererSink.h"
 
 #include <algorithm>
 #include <chrono>
@@ -16,8 +16,10 @@
 
 #include <opencv2/highgui.hpp>
 
-#include "ColorMaps.h"
 #include "GuiThread.h"
+#include "imaging/ColorMaps.h"
+#include "imaging/View.h"
+#include "pipeline/Percentile.h"
 
 namespace lumora::display {
 
@@ -25,6 +27,7 @@ namespace hs = halden::sensor;
 using imaging::ConversionContext;
 using imaging::Projection;
 using imaging::WindowImage;
+using pipeline::percentile;
 
 namespace {
 
@@ -38,16 +41,6 @@ constexpr std::size_t kMaxLatencies = std::size_t{1} << 20U;
 
 // Lists rendered since the camera last reported running.
 std::atomic<std::uint32_t> gRenderedLists{0};
-
-const char* const kSuffixes[] = {" framerate", " Depth", " Amplitude", " PCL-Depth", " IPCL-Depth", " IPCL-Amplitude"};
-enum WindowKey : int { kFramerate, kDepth, kAmplitude, kPointCloud, kIntensityDepth, kIntensityAmplitude };
-
-double percentile(std::vector<double> samples, double fraction) {
-    if (samples.empty()) return 0.0;
-    const auto rank = static_cast<std::size_t>(fraction * static_cast<double>(samples.size() - 1));
-    std::nth_element(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(rank), samples.end());
-    return samples[rank];
-}
 
 std::string uriOf(hs::LumoraSource* source) { return source != nullptr ? source->uri() : "(null)"; }
 
@@ -78,13 +71,13 @@ void OpenCVVideoRendererSink::onLumoraCameraState(hs::LumoraSource* source, hs::
         case hs::LumoraCamera::STATE_PREPARED: {
             mWindows.clear();
             const std::string sourceName = source != nullptr ? source->name() : std::string();
-            for (int key = kFramerate; key <= kIntensityAmplitude; ++key) {
+            for (int key = imaging::kFramerate; key <= imaging::kIntensityAmplitude; ++key) {
                 RenderWindow& entry = mWindows[key];
                 entry.key = key;
                 entry.sink = this;
                 entry.mouseX.store(0, std::memory_order_relaxed);
                 entry.mouseY.store(0, std::memory_order_relaxed);
-                entry.name = sourceName + kSuffixes[key];
+                entry.name = sourceName + " " + imaging::viewName(key);
             }
             break;
         }
@@ -233,23 +226,23 @@ void OpenCVVideoRendererSink::createWindows(const std::shared_ptr<hs::LumoraFram
         bool hooked;
     };
     std::vector<Opened> opened;
-    if (RenderWindow* framerate = window(kFramerate)) opened.push_back({framerate, false});
+    if (RenderWindow* framerate = window(imaging::kFramerate)) opened.push_back({framerate, false});
     for (std::size_t i = 0; i < list->size(); ++i) {
         const auto frame = list->at(i);
         if (!frame) continue;
         std::vector<int> keys;
         switch (frame->frameType()) {
             case hs::LumoraFrame::FRAME_DEPTH:
-                keys = {kDepth};
+                keys = {imaging::kDepth};
                 break;
             case hs::LumoraFrame::FRAME_AMPLITUDE:
-                keys = {kAmplitude};
+                keys = {imaging::kAmplitude};
                 break;
             case hs::LumoraFrame::FRAME_POINTCLOUD:
-                keys = {kPointCloud};
+                keys = {imaging::kPointCloud};
                 break;
             case hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD:
-                keys = {kIntensityDepth, kIntensityAmplitude};
+                keys = {imaging::kIntensityDepth, imaging::kIntensityAmplitude};
                 break;
             default:
                 break;
@@ -294,15 +287,16 @@ OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(
         WindowImage depthImage;
         WindowImage amplitudeImage;
         imaging::convertDepthAmplitude(conversion, depth, amplitude, shownSize(depth ? depth : amplitude),
-                                       pointOf(kDepth), pointOf(kAmplitude), depthImage, amplitudeImage);
-        converted.emplace_back(kDepth, std::move(depthImage));
-        converted.emplace_back(kAmplitude, std::move(amplitudeImage));
+                                       pointOf(imaging::kDepth), pointOf(imaging::kAmplitude), depthImage,
+                                       amplitudeImage);
+        converted.emplace_back(imaging::kDepth, std::move(depthImage));
+        converted.emplace_back(imaging::kAmplitude, std::move(amplitudeImage));
     }
     for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
         const auto frame = hs::find_frame(list, type);
         if (!frame) continue;
         const bool intensity = type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
-        const int depthKey = intensity ? kIntensityDepth : kPointCloud;
+        const int depthKey = intensity ? imaging::kIntensityDepth : imaging::kPointCloud;
         const Projection lens =
             projection.intrinsics.fx > 0.0 ? projection : imaging::defaultProjection({frame->width(), frame->height()});
         Projection sized = lens;
@@ -310,16 +304,17 @@ OpenCVVideoRendererSink::Converted OpenCVVideoRendererSink::convertList(
         WindowImage depthImage;
         WindowImage intensityImage;
         imaging::convertPointCloud(conversion, frame, sized, shownSize(frame), pointOf(depthKey),
-                                   pointOf(kIntensityAmplitude), depthImage, intensity ? &intensityImage : nullptr);
+                                   pointOf(imaging::kIntensityAmplitude), depthImage,
+                                   intensity ? &intensityImage : nullptr);
         converted.emplace_back(depthKey, std::move(depthImage));
-        if (intensity) converted.emplace_back(kIntensityAmplitude, std::move(intensityImage));
+        if (intensity) converted.emplace_back(imaging::kIntensityAmplitude, std::move(intensityImage));
     }
     return converted;
 }
 
 void OpenCVVideoRendererSink::publish(const Item& item, const Converted& pictures, bool drawnNext,
-                                      web::Publisher& publisher) {
-    web::Snapshot snapshot;
+                                      imaging::Publisher& publisher) {
+    imaging::Snapshot snapshot;
     const auto& [source, list, delivered] = item;
     // Images that get their markers drawn next go to the web view as copies.
     for (const auto& [key, picture] : pictures)
@@ -345,14 +340,14 @@ void OpenCVVideoRendererSink::publish(const Item& item, const Converted& picture
 }
 
 void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& projection, ConversionContext& conversion,
-                                       web::Publisher* publisher, std::vector<double>& latencies) {
+                                       imaging::Publisher* publisher, std::vector<double>& latencies) {
     const std::uint32_t rendered = gRenderedLists.fetch_add(1) + 1;
     struct Shown {
         RenderWindow* entry;
         WindowImage picture;
     };
     std::vector<Shown> shown;
-    if (RenderWindow* entry = window(kFramerate))
+    if (RenderWindow* entry = window(imaging::kFramerate))
         shown.push_back({entry, {imaging::framerateImage(fpsText()), {}, {}}});
     Converted converted = convertList(std::get<1>(item), projection, conversion);
     if (publisher != nullptr) publish(item, converted, true, *publisher);
@@ -360,7 +355,7 @@ void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& proje
         shown.push_back({window(key), std::move(picture)});
 
     for (Shown& each : shown)
-        if (each.entry != nullptr && each.entry->key != kFramerate)
+        if (each.entry != nullptr && each.entry->key != imaging::kFramerate)
             imaging::drawMarker(each.picture, readoutPoint(each.entry));
     const bool titled = rendered > kTitleAfterLists;
     const auto delivered = std::get<2>(item);
@@ -370,7 +365,7 @@ void OpenCVVideoRendererSink::drawList(const Item& item, const Projection& proje
             if (each.entry == nullptr || each.picture.image.empty()) continue;
             try {
                 cv::imshow(each.entry->name, each.picture.image);
-                if (titled && each.entry->key != kFramerate && autosizeProperty(each.entry->name) >= 0.0)
+                if (titled && each.entry->key != imaging::kFramerate && autosizeProperty(each.entry->name) >= 0.0)
                     cv::setWindowTitle(each.entry->name, each.entry->name + each.picture.readout);
             } catch (const cv::Exception&) {
                 // A window lost between the check and the call: the next list shows it again.
@@ -402,7 +397,7 @@ void OpenCVVideoRendererSink::renderLoop(const Projection& projection) {
         const auto& list = std::get<1>(item);
         if (!list) continue;
         mDrawn.fetch_add(1, std::memory_order_relaxed);
-        web::Publisher* publisher = mPublisher.load();
+        imaging::Publisher* publisher = mPublisher.load();
         if (publisher != nullptr && !publisher->wanted()) publisher = nullptr;
         const bool display = mDisplay.load();
         const bool windows = display && displayAvailable();

@@ -2,14 +2,10 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <memory>
-#include <string>
 #include <vector>
 
-#include <halden/sensor/Log.h>
-
-#include "DumpFile.h"
-#include "DumpFormat.h"
+#include "format/DumpFormat.h"
+#include "format/DumpHead.h"
 
 namespace lumora::dump {
 
@@ -24,7 +20,7 @@ void print_line(std::FILE* out, const char* text) {
 // Reads one block of width x height elements into a zeroed buffer of elements of
 // `bufferElementSize` bytes, the file holding `storedElementSize` bytes per element; the
 // buffer is no larger than what the file still holds. The data is dropped.
-void read_block(DumpReader& reader, const frame_header& header, std::size_t bufferElementSize,
+void read_block(format::DumpReader& reader, const format::frame_header& header, std::size_t bufferElementSize,
                 std::uint64_t storedElementSize) {
     const std::uint64_t elements = std::uint64_t{header.frame_width} * header.frame_height;
     const std::uint64_t stored = elements * storedElementSize;
@@ -34,7 +30,8 @@ void read_block(DumpReader& reader, const frame_header& header, std::size_t buff
     reader.readBlock(buffer.data(), buffer.size(), stored);
 }
 
-void print_frame(DumpReader& reader, std::FILE* out, const dump_header& dump, const frame_header& header, int i) {
+void print_frame(format::DumpReader& reader, std::FILE* out, const format::dump_header& dump,
+                 const format::frame_header& header, int i) {
     std::fprintf(out, "[Frame header] ==> %d\n", i);
     std::fprintf(out, "  - frame_header[%d].frame_index (0x%0x)\n", i, header.frame_index);
     std::fprintf(out, "  - frame_header[%d].frame_width (0x%0x)\n", i, header.frame_width);
@@ -42,7 +39,7 @@ void print_frame(DumpReader& reader, std::FILE* out, const dump_header& dump, co
     std::fprintf(out, "  - frame_header[%d].frame_data_size (0x%02x)\n", i, header.frame_data_size);
     std::fprintf(out, "  - frame_header[%d].timestamp (%" PRIu64 ")\n", i, std::uint64_t{header.timestamp});
     if (dump.embedded_line_control == 1) {
-        read_block(reader, frame_header{0, header.frame_width, 1, 1, 0}, 1, 1);
+        read_block(reader, format::frame_header{0, header.frame_width, 1, 1, 0}, 1, 1);
         std::fprintf(out, "  - [Reading Embedded line frame data...]\n");
     } else {
         std::fprintf(out, "  - [There is no embedded line frame data!]\n");
@@ -55,13 +52,13 @@ void print_frame(DumpReader& reader, std::FILE* out, const dump_header& dump, co
         {"  - [Reading IPCL X frame data...]\n", "  - [Reading IPCL Y frame data...]\n",
          "  - [Reading IPCL Z frame data...]\n", "  - [Reading IPCL I frame data...]\n"},
     };
-    const std::size_t blocks = block_count(dump.dump_frame_type);
+    const std::size_t blocks = format::block_count(dump.dump_frame_type);
     if (blocks == 0) {
         print_line(out, "Invalid dump mode!");
         return;
     }
     for (std::size_t b = 0; b < blocks; ++b)
-        read_block(reader, header, element_size(dump.dump_frame_type), header.frame_data_size);
+        read_block(reader, header, format::element_size(dump.dump_frame_type), header.frame_data_size);
     for (std::size_t b = 0; b < blocks; ++b)
         std::fputs(kLines[dump.dump_frame_type][b], out);
 }
@@ -69,9 +66,10 @@ void print_frame(DumpReader& reader, std::FILE* out, const dump_header& dump, co
 }  // namespace
 
 void inspect_dump(std::FILE* in, std::FILE* out) {
-    DumpReader reader(in);
-    dump_header dump{};
-    reader.read(dump);
+    format::DumpReader reader(in);
+    format::DumpHead head;
+    format::read_head(reader, head);
+    const format::dump_header& dump = head.header;
     std::fprintf(out, "[Dump Header]\n");
     std::fprintf(out, "  - dump_header.sync_byte (0x%02x)\n", dump.sync_byte);
     std::fprintf(out, "  - dump_header.embedded_line_control (0x%0x)\n", dump.embedded_line_control);
@@ -79,53 +77,35 @@ void inspect_dump(std::FILE* in, std::FILE* out) {
     std::fprintf(out, "  - dump_header.dump_frame_type (0x%02x)\n", dump.dump_frame_type);
     print_line(out, "  - [Checking sync byte...]");
     // A file from another writer is still read.
-    print_line(out, dump.sync_byte == kSyncByte ? "    - This is our latest lmr file. Keep going!"
-                                                : "    - This is not our latest lmr file!");
+    print_line(out, head.syncIsOurs() ? "    - This is our latest lmr file. Keep going!"
+                                      : "    - This is not our latest lmr file!");
 
-    source_descriptor source{};
-    reader.read(source);
     std::fprintf(out, "[Source descriptor]\n");
-    if (source.desc_tag != kSourceDescriptorTag) {
+    if (!head.sourceTagIsValid()) {
         std::fprintf(out, "Invalid source descriptor!\n");
     } else {
-        source.source_type[sizeof source.source_type - 1] = '\0';
-        std::fprintf(out, "  - source_descriptor.desc_tag (0x%02x)\n", source.desc_tag);
-        std::fprintf(out, "  - source_descriptor.source_type (%s)\n", source.source_type);
+        std::fprintf(out, "  - source_descriptor.desc_tag (0x%02x)\n", head.source.desc_tag);
+        std::fprintf(out, "  - source_descriptor.source_type (%s)\n", head.sourceType().c_str());
     }
 
-    camera_descriptor camera{};
-    reader.read(camera);
     std::fprintf(out, "[Camera descriptor]\n");
-    if (camera.desc_tag != kCameraDescriptorTag) {
+    if (!head.cameraTagIsValid()) {
         std::fprintf(out, "Invalid camera descriptor!\n");
     } else {
-        camera.sdk_version[sizeof camera.sdk_version - 1] = '\0';
-        camera.serial_number[sizeof camera.serial_number - 1] = '\0';
-        camera.camera_name[sizeof camera.camera_name - 1] = '\0';
-        std::fprintf(out, "  - camera_descriptor.desc_tag (0x%02x)\n", camera.desc_tag);
-        std::fprintf(out, "  - camera_descriptor.firmware_version (0x%02x)\n", camera.firmware_version);
-        std::fprintf(out, "  - camera_descriptor.sdk_version (%s)\n", camera.sdk_version);
-        std::fprintf(out, "  - camera_descriptor.serial_number (%s)\n", camera.serial_number);
-        std::fprintf(out, "  - camera_descriptor.camera_name (%s)\n", camera.camera_name);
+        std::fprintf(out, "  - camera_descriptor.desc_tag (0x%02x)\n", head.camera.desc_tag);
+        std::fprintf(out, "  - camera_descriptor.firmware_version (0x%02x)\n", head.camera.firmware_version);
+        std::fprintf(out, "  - camera_descriptor.sdk_version (%s)\n", head.sdkVersion().c_str());
+        std::fprintf(out, "  - camera_descriptor.serial_number (%s)\n", head.serialNumber().c_str());
+        std::fprintf(out, "  - camera_descriptor.camera_name (%s)\n", head.cameraName().c_str());
     }
 
     // Past the end of the file a header keeps what the last read left in it.
-    frame_header header{};
+    format::frame_header header{};
     for (int i = 0; i < dump.dump_frame_count; ++i) {
         reader.read(header);
         print_frame(reader, out, dump, header, i);
     }
     std::fflush(out);
-}
-
-void inspectDumpFile(const std::string& path) {
-    if (path.empty()) return;
-    const File file = open_file(path, "rb");
-    if (!file) {
-        halden::sensor::Log::e(LUMORA_LOG_TAG("FrameDumpSink"), "fail to open file!\n");
-        return;
-    }
-    inspect_dump(file.get(), stdout);
 }
 
 }  // namespace lumora::dump

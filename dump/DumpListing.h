@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdio>
-#include <string>
 
 namespace lumora::dump {
 
@@ -10,10 +9,5 @@ namespace lumora::dump {
 // Whatever the file holds, every read stays within the file's bytes and the buffers, and
 // no buffer is larger than the bytes left in the file. Runs on the caller's thread.
 void inspect_dump(std::FILE* in, std::FILE* out);
-
-// Prints what the dump file at `path` holds to standard output; an empty path prints
-// nothing, a file that cannot be opened is logged at error level. Runs on the caller's
-// thread.
-void inspectDumpFile(const std::string& path);
 
 }  // namespace lumora::dump

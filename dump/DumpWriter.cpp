@@ -1,4 +1,4 @@
-#include "DumpWriter.h"
+#include "dump/DumpWriter.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -27,12 +27,13 @@ bool DumpWriter::removed() const {
     return mFd >= 0 && ::fstat(mFd, &status) == 0 && status.st_nlink == 0;
 }
 
-hs::Result DumpWriter::writeHead(const dump_header& header, const source_descriptor& source,
-                                 const camera_descriptor& camera) {
+hs::Result DumpWriter::writeHead(const format::dump_header& header, const format::source_descriptor& source,
+                                 const format::camera_descriptor& camera) {
     return writeAll({{&header, sizeof header}, {&source, sizeof source}, {&camera, sizeof camera}});
 }
 
-hs::Result DumpWriter::writeRecord(const frame_header& header, Bytes embeddedLine, const std::vector<Bytes>& blocks) {
+hs::Result DumpWriter::writeRecord(const format::frame_header& header, Bytes embeddedLine,
+                                   const std::vector<Bytes>& blocks) {
     std::vector<Bytes> parts{{&header, sizeof header}};
     if (embeddedLine.size != 0) parts.push_back(embeddedLine);
     parts.insert(parts.end(), blocks.begin(), blocks.end());

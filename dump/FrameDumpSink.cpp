@@ -9,7 +9,7 @@
 // the delivery thread never takes) by the next request, by a camera state of 2 or 0, or by
 // the destructor, which also stops the queue. Ending, the writer logs a file that holds
 // fewer records than asked for, or that was removed while it was written.
-#include "FrameDumpSink.h"
+#include "dump/FrameDumpSink.h"
 
 #include <chrono>
 #include <cstdio>
@@ -18,8 +18,10 @@
 #include <optional>
 #include <vector>
 
-#include "DumpFormat.h"
-#include "DumpWriter.h"
+#include "DumpListing.h"
+#include "dump/DumpWriter.h"
+#include "format/DumpFile.h"
+#include "format/DumpFormat.h"
 
 namespace lumora::dump {
 
@@ -79,7 +81,7 @@ void log_write_failure(int error) {
 // What one frame list contributes to a file: the header (without its index), the frame
 // whose embedded line goes with it, and the data blocks. Views keep their frames alive.
 struct Record {
-    frame_header header{};
+    format::frame_header header{};
     std::shared_ptr<hs::LumoraFrame> lineFrame;
     std::vector<Bytes> blocks;
 };
@@ -102,19 +104,19 @@ Bytes plane_bytes(const View& view, int plane, std::uint16_t elementSize) {
 
 // The record of `list` in dump mode `mode`; none when the list lacks the frame it needs.
 std::optional<Record> record_for(std::uint32_t mode, const std::shared_ptr<hs::LumoraFrameList>& list) {
-    const std::uint16_t size = element_size(mode);
+    const std::uint16_t size = format::element_size(mode);
     switch (mode) {
-        case DUMP_DEPTH:
-        case DUMP_DEPTH_AMPLITUDE: {
+        case format::DUMP_DEPTH:
+        case format::DUMP_DEPTH_AMPLITUDE: {
             const auto depth = hs::frame_cast_basic16u(hs::find_frame(list, hs::LumoraFrame::FRAME_DEPTH));
             const auto amplitude = hs::frame_cast_basic16u(hs::find_frame(list, hs::LumoraFrame::FRAME_AMPLITUDE));
-            if (!depth || (mode == DUMP_DEPTH_AMPLITUDE && !amplitude)) return std::nullopt;
+            if (!depth || (mode == format::DUMP_DEPTH_AMPLITUDE && !amplitude)) return std::nullopt;
             Record record = record_of(depth, size);
             record.blocks.push_back(plane_bytes(depth, 0, size));
-            if (mode == DUMP_DEPTH_AMPLITUDE) record.blocks.push_back(plane_bytes(amplitude, 0, size));
+            if (mode == format::DUMP_DEPTH_AMPLITUDE) record.blocks.push_back(plane_bytes(amplitude, 0, size));
             return record;
         }
-        case DUMP_POINTCLOUD: {
+        case format::DUMP_POINTCLOUD: {
             const auto cloud = hs::frame_cast_pcl32f(hs::find_frame(list, hs::LumoraFrame::FRAME_POINTCLOUD));
             if (!cloud) return std::nullopt;
             Record record = record_of(cloud, size);
@@ -122,7 +124,7 @@ std::optional<Record> record_for(std::uint32_t mode, const std::shared_ptr<hs::L
                 record.blocks.push_back(plane_bytes(cloud, plane, size));
             return record;
         }
-        case DUMP_INTENSITY_POINTCLOUD: {
+        case format::DUMP_INTENSITY_POINTCLOUD: {
             const auto cloud =
                 hs::frame_cast_ipcl32f(hs::find_frame(list, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD));
             if (!cloud) return std::nullopt;
@@ -197,15 +199,16 @@ void FrameDumpSink::requestDump(std::uint32_t frameTypeMask, std::uint32_t mode,
     // The mask is printed where the text says mode.
     hs::Log::d(LUMORA_LOG_TAG(kName), "dump mode (%d) wanted frame count (%d)\n", static_cast<int>(frameTypeMask),
                static_cast<int>(count));
-    if (mode > DUMP_INTENSITY_POINTCLOUD) {
+    if (mode > format::DUMP_INTENSITY_POINTCLOUD) {
         hs::Log::e(LUMORA_LOG_TAG(kName),
                    "Not supported dump mode! [0: Depth only, 1: Depth + Amplitude, 2: Pointcloud, 3: Intensity "
                    "Pointcloud]\n");
         return;
     }
     // 0 passes: the next frame list ends the dump at once.
-    if (count > kMaxFrameCount) {
-        hs::Log::e(LUMORA_LOG_TAG(kName), "Not supported frame count! [1 ~ %d]\n", static_cast<int>(kMaxFrameCount));
+    if (count > format::kMaxFrameCount) {
+        hs::Log::e(LUMORA_LOG_TAG(kName), "Not supported frame count! [1 ~ %d]\n",
+                   static_cast<int>(format::kMaxFrameCount));
         return;
     }
     const bool depth = (frameTypeMask & hs::LumoraFrame::FRAME_DEPTH) != 0;
@@ -214,15 +217,15 @@ void FrameDumpSink::requestDump(std::uint32_t frameTypeMask, std::uint32_t mode,
     const bool intensityCloud = (frameTypeMask & hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) != 0;
     bool served = false;
     switch (mode) {
-        case DUMP_DEPTH:
+        case format::DUMP_DEPTH:
             served = depth;
             hs::Log::d(LUMORA_LOG_TAG(kName), "Dump frame ==> Depth only (D)\n");
             break;
-        case DUMP_DEPTH_AMPLITUDE:
+        case format::DUMP_DEPTH_AMPLITUDE:
             served = depth && amplitude;
             hs::Log::d(LUMORA_LOG_TAG(kName), "Dump frame ==> Depth + Amplitude (D / A)\n");
             break;
-        case DUMP_POINTCLOUD:
+        case format::DUMP_POINTCLOUD:
             // Accepted with intensity clouds alone, although the writer then finds no cloud.
             served = cloud || intensityCloud;
             hs::Log::d(LUMORA_LOG_TAG(kName), "Dump frame ==> Point cloud (X / Y / Z / A)\n");
@@ -294,7 +297,7 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
     }
     const auto source = camera->source();
     const std::string uri = source ? source->uri() : std::string();
-    const auto sourceType = source_type_of(uri);
+    const auto sourceType = format::source_type_of(uri);
     if (!sourceType) {
         hs::Log::e(LUMORA_LOG_TAG(kName), "Camera source has no URI!\n");
         return;
@@ -304,7 +307,7 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     localtime_r(&now, &local);
-    const std::string fileName = dump_file_name(name, serialNumber, local);
+    const std::string fileName = format::dump_file_name(name, serialNumber, local);
     std::optional<DumpWriter> file(std::in_place, fileName);
     if (!file->isOpen()) {
         hs::Log::e(LUMORA_LOG_TAG(kName), "fail to open file!\n");
@@ -312,15 +315,16 @@ void FrameDumpSink::writerMain(FrameDumpSink* sink) {
     }
 
     const std::uint8_t lineControl = sink->mEmbeddedLineControl.load(std::memory_order_relaxed);
-    const dump_header header{kSyncByte, lineControl,
-                             static_cast<std::uint16_t>(sink->mWantedFrameCount.load(std::memory_order_relaxed)),
-                             static_cast<std::uint16_t>(sink->mDumpMode.load(std::memory_order_relaxed))};
-    source_descriptor sourceDescriptor{kSourceDescriptorTag, {}};
-    fill_text_field(sourceDescriptor.source_type, *sourceType);
-    camera_descriptor cameraDescriptor{kCameraDescriptorTag, firmware_version(*camera), {}, {}, {}};
-    fill_text_field(cameraDescriptor.sdk_version, hs::last_released_version());
-    fill_text_field(cameraDescriptor.serial_number, serialNumber);
-    fill_text_field(cameraDescriptor.camera_name, name);
+    const format::dump_header header{
+        format::kSyncByte, lineControl,
+        static_cast<std::uint16_t>(sink->mWantedFrameCount.load(std::memory_order_relaxed)),
+        static_cast<std::uint16_t>(sink->mDumpMode.load(std::memory_order_relaxed))};
+    format::source_descriptor sourceDescriptor{format::kSourceDescriptorTag, {}};
+    format::fill_text_field(sourceDescriptor.source_type, *sourceType);
+    format::camera_descriptor cameraDescriptor{format::kCameraDescriptorTag, firmware_version(*camera), {}, {}, {}};
+    format::fill_text_field(cameraDescriptor.sdk_version, hs::last_released_version());
+    format::fill_text_field(cameraDescriptor.serial_number, serialNumber);
+    format::fill_text_field(cameraDescriptor.camera_name, name);
     if (file->writeHead(header, sourceDescriptor, cameraDescriptor) != hs::RESULT_SUCCESS) {
         log_write_failure(file->lastError());
         return;
@@ -371,7 +375,7 @@ FrameDumpSink::Written FrameDumpSink::writeRecords(DumpWriter& file, std::uint8_
             std::tie(found, lineProperty) = record->lineFrame->getProperty("embedded_data_line");
             if (found != hs::RESULT_SUCCESS || !lineProperty) {
                 hs::Log::e(LUMORA_LOG_TAG(kName),
-                           mode == DUMP_DEPTH
+                           mode == format::DUMP_DEPTH
                                ? "Cannot get embedded data line in this time! Let's skip!\n"
                                : "Something wrong.. cannot get embedded data line in this time! Let's skip!\n");
                 ++written.lineFailures;
@@ -388,6 +392,16 @@ FrameDumpSink::Written FrameDumpSink::writeRecords(DumpWriter& file, std::uint8_
         ++written.records;
         ++index;
     }
+}
+
+void FrameDumpSink::inspectDumpFile(const std::string& path) {
+    if (path.empty()) return;
+    const format::File file = format::open_file(path, "rb");
+    if (!file) {
+        hs::Log::e(LUMORA_LOG_TAG(kName), "fail to open file!\n");
+        return;
+    }
+    inspect_dump(file.get(), stdout);
 }
 
 }  // namespace lumora::dump

@@ -1,10 +1,10 @@
-#include "DumpFormat.h"
+#include "format/DumpFormat.h"
 
 #include <algorithm>
 
 #include <sys/types.h>
 
-namespace lumora::dump {
+namespace lumora::format {
 
 void fill_text_field(char* field, std::size_t width, const std::string& text) {
     if (width == 0) return;
@@ -52,4 +52,4 @@ std::size_t DumpReader::readBlock(void* buffer, std::size_t capacity, std::uint6
     return stored;
 }
 
-}  // namespace lumora::dump
+}  // namespace lumora::format

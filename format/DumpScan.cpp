@@ -1,18 +1,12 @@
-#include "DumpScan.h"
+#include "format/DumpScan.h"
 
 #include <cinttypes>
-#include <cstring>
 
-#include "DumpFile.h"
+#include "format/DumpFile.h"
 
-namespace lumora::dump {
+namespace lumora::format {
 
 namespace {
-
-template <std::size_t N>
-std::string field_text(const char (&field)[N]) {
-    return {field, strnlen(field, N)};
-}
 
 std::string describe(const char* format, std::uint64_t a, std::uint64_t b = 0, std::uint64_t c = 0,
                      std::uint64_t d = 0) {
@@ -93,11 +87,6 @@ std::uint64_t DumpLayout::dataOffset(std::size_t i) const {
     return recordOffset(i) + sizeof(frame_header) + embedded;
 }
 
-std::string DumpLayout::sourceType() const { return field_text(source.source_type); }
-std::string DumpLayout::serialNumber() const { return field_text(camera.serial_number); }
-std::string DumpLayout::cameraName() const { return field_text(camera.camera_name); }
-std::string DumpLayout::sdkVersion() const { return field_text(camera.sdk_version); }
-
 DumpLayout scan_dump(std::FILE* file) {
     DumpLayout layout;
     if (std::fseek(file, 0, SEEK_SET) != 0) {
@@ -106,16 +95,15 @@ DumpLayout scan_dump(std::FILE* file) {
     }
     DumpReader reader(file);
     layout.fileBytes = reader.bytesLeft();
-    if (!reader.read(layout.header) || !reader.read(layout.source) || !reader.read(layout.camera)) {
+    if (!read_head(reader, layout)) {
         stop(layout, ScanProblem::kShortHead, 0,
              describe("the file is %" PRIu64 " bytes long, shorter than the %" PRIu64 " bytes of its head",
                       layout.fileBytes, kHeadBytes));
         return layout;
     }
     const dump_header& dump = layout.header;
-    if (dump.sync_byte != kSyncByte || layout.source.desc_tag != kSourceDescriptorTag ||
-        layout.camera.desc_tag != kCameraDescriptorTag || block_count(dump.dump_frame_type) == 0 ||
-        dump.embedded_line_control > 1) {
+    if (!layout.syncIsOurs() || !layout.sourceTagIsValid() || !layout.cameraTagIsValid() ||
+        block_count(dump.dump_frame_type) == 0 || dump.embedded_line_control > 1) {
         stop(layout, ScanProblem::kNotADump, 0,
              describe("not a dump file: sync byte 0x%02" PRIx64 ", descriptor tags %" PRIu64 " and %" PRIu64
                       ", dump mode %" PRIu64,
@@ -126,4 +114,4 @@ DumpLayout scan_dump(std::FILE* file) {
     return layout;
 }
 
-}  // namespace lumora::dump
+}  // namespace lumora::format

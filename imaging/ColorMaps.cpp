@@ -10,7 +10,7 @@
 // exclusive: a view that a waiting rebuild does not see checks after the rebuild published
 // the other buffer, and so does not read this one. The palette is written once, before any
 // reader starts.
-#include "ColorMaps.h"
+#include "imaging/ColorMaps.h"
 
 #include <algorithm>
 #include <atomic>

@@ -8,7 +8,7 @@
 
 #include <opencv2/core/types.hpp>
 
-#include "ColorMaps.h"
+#include "imaging/ColorMaps.h"
 
 namespace lumora::imaging {
 

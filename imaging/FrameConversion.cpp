@@ -3,7 +3,7 @@
 // gather and project. Each piece writes only its own rows or its own part of the buffers;
 // share() returns only when every piece is done and the helper has let go of the job, and
 // only then are the images and buffers read (read-outs, markers, drawing in pixel order).
-#include "FrameConversion.h"
+#include "imaging/FrameConversion.h"
 
 #include <algorithm>
 #include <cmath>
@@ -15,8 +15,9 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "ColorMaps.h"
 #include "ConversionKernels.h"
+#include "imaging/ColorMaps.h"
+#include "imaging/Readout.h"
 
 namespace lumora::imaging {
 
@@ -99,12 +100,6 @@ std::ptrdiff_t sourceIndex(const std::vector<int>& rows, const std::vector<int>&
            columns[static_cast<std::size_t>(point.x)];
 }
 
-std::string readoutText(const char* kind, cv::Point point, int value) {
-    char text[96];
-    std::snprintf(text, sizeof text, "  x:%d, y:%d, %s:%d", point.x, point.y, kind, value);
-    return text;
-}
-
 cv::Scalar inverseOf(const cv::Mat& image, cv::Point point) {
     if (!inside(image.size(), point)) return {255, 255, 255, 0};
     if (image.channels() == 1) {
@@ -168,13 +163,14 @@ void convertDepthAmplitude(ConversionContext& context, const std::shared_ptr<hs:
 
     if (withDepth) {
         const auto at = sourceIndex(rows, columns, shape.width, display, depthPoint);
-        depthImage.readout = readoutText("d", depthPoint, at < 0 ? 0 : depthPlane.at(static_cast<std::size_t>(at)));
+        depthImage.readout =
+            readoutText(depthPoint.x, depthPoint.y, 'd', at < 0 ? 0 : depthPlane.at(static_cast<std::size_t>(at)));
         depthImage.marker = inverseOf(depthImage.image, depthPoint);
     }
     if (withAmplitude) {
         const auto at = sourceIndex(rows, columns, shape.width, display, amplitudePoint);
-        amplitudeImage.readout =
-            readoutText("a", amplitudePoint, at < 0 ? 0 : amplitudePlane.at(static_cast<std::size_t>(at)));
+        amplitudeImage.readout = readoutText(amplitudePoint.x, amplitudePoint.y, 'a',
+                                             at < 0 ? 0 : amplitudePlane.at(static_cast<std::size_t>(at)));
         amplitudeImage.marker = inverseOf(amplitudeImage.image, amplitudePoint);
     }
 }
@@ -280,11 +276,13 @@ void convertPointCloud(ConversionContext& context, const std::shared_ptr<hs::Lum
     const std::vector<int> rows = nearestMap(height, display.height);
     const std::vector<int> columns = nearestMap(width, display.width);
     const auto depthAt = sourceIndex(rows, columns, width, display, depthPoint);
-    depthImage.readout = readoutText("z", depthPoint, depthAt < 0 ? 0 : static_cast<int>(z[depthAt] * 1000.0));
+    depthImage.readout =
+        readoutText(depthPoint.x, depthPoint.y, 'z', depthAt < 0 ? 0 : static_cast<int>(z[depthAt] * 1000.0));
     depthImage.marker = inverseOf(depthImage.image, depthPoint);
     if (withIntensity) {
         const auto at = sourceIndex(rows, columns, width, display, intensityPoint);
-        intensityImage->readout = readoutText("a", intensityPoint, at < 0 ? 0 : toSample(intensity[at]));
+        intensityImage->readout =
+            readoutText(intensityPoint.x, intensityPoint.y, 'a', at < 0 ? 0 : toSample(intensity[at]));
         intensityImage->marker = inverseOf(intensityImage->image, intensityPoint);
     }
 }

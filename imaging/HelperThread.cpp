@@ -7,7 +7,7 @@
 // kWatch, then sleeps on the condition variable; the caller, having stored kOffered, wakes it
 // only if it has said it sleeps. Shutdown: the destructor sets the stop flag, wakes the helper
 // and joins it; the helper only ever watches or sleeps between jobs.
-#include "HelperThread.h"
+#include "imaging/HelperThread.h"
 
 #include <algorithm>
 #include <chrono>

@@ -23,14 +23,14 @@
 #include <thread>
 #include <vector>
 
-#include "ColorMaps.h"
-#include "DumpFile.h"
-#include "DumpScan.h"
-#include "FrameConversion.h"
 #include "PngFile.h"
 #include "PointCloudFile.h"
 #include "Progress.h"
 #include "RecordFrame.h"
+#include "format/DumpFile.h"
+#include "format/DumpScan.h"
+#include "imaging/ColorMaps.h"
+#include "imaging/FrameConversion.h"
 
 namespace lumora::lmr {
 
@@ -41,10 +41,10 @@ namespace {
 
 // What the workers share. The layout, paths and range are fixed before they start.
 struct Job {
-    Job(const dump::DumpLayout& scanned, std::string path, fs::path into, RecordRange records)
+    Job(const format::DumpLayout& scanned, std::string path, fs::path into, RecordRange records)
         : layout(scanned), file(std::move(path)), directory(std::move(into)), range(records) {}
 
-    const dump::DumpLayout& layout;
+    const format::DumpLayout& layout;
     std::string file;
     fs::path directory;
     RecordRange range;
@@ -69,23 +69,23 @@ struct Job {
 class RecordWriter {
 public:
     explicit RecordWriter(Job& job) : mJob(job), mLayout(job.layout) {
-        const dump::frame_header& first = mLayout.records.front();
+        const format::frame_header& first = mLayout.records.front();
         mWidth = first.frame_width;
         mHeight = first.frame_height;
         mMode = mLayout.header.dump_frame_type;
         mElements = static_cast<std::size_t>(mWidth) * mHeight;
-        mBytes = mLayout.blockBytes() * dump::block_count(mMode);
-        if (mMode <= dump::DUMP_DEPTH_AMPLITUDE)
-            mSamples.resize(mElements * dump::block_count(mMode));
+        mBytes = mLayout.blockBytes() * format::block_count(mMode);
+        if (mMode <= format::DUMP_DEPTH_AMPLITUDE)
+            mSamples.resize(mElements * format::block_count(mMode));
         else
-            mPoints.resize(mElements * dump::block_count(mMode));
+            mPoints.resize(mElements * format::block_count(mMode));
     }
 
     // Writes record i's files; false (with the job told why) on a failure.
     bool write(std::FILE* file, std::size_t i) {
         void* buffer = mSamples.empty() ? static_cast<void*>(mPoints.data()) : static_cast<void*>(mSamples.data());
         if (fseeko(file, static_cast<off_t>(mLayout.dataOffset(i)), SEEK_SET) != 0) return readFailed(i);
-        dump::DumpReader reader(file);
+        format::DumpReader reader(file);
         if (reader.readBlock(buffer, mBytes, mBytes) != mBytes) return readFailed(i);
         const RecordFiles files = record_files(i, mMode);
         return mSamples.empty() ? writeCloud(i, files) : writeImages(i, files);
@@ -93,18 +93,18 @@ public:
 
 private:
     bool readFailed(std::size_t i) {
-        mJob.fail(dump::format_line("record %zu of %s cannot be read", i, mJob.file.c_str()));
+        mJob.fail(format::format_line("record %zu of %s cannot be read", i, mJob.file.c_str()));
         return false;
     }
     bool written(bool ok, const std::string& name) {
-        if (!ok) mJob.fail(dump::format_line("cannot write %s", (mJob.directory / name).c_str()));
+        if (!ok) mJob.fail(format::format_line("cannot write %s", (mJob.directory / name).c_str()));
         return ok;
     }
 
     bool writeImages(std::size_t i, const RecordFiles& files) {
         const std::uint64_t timestamp = mLayout.records[i].timestamp;
         std::uint16_t* depth = mSamples.data();
-        const std::uint16_t* amplitude = mMode == dump::DUMP_DEPTH_AMPLITUDE ? depth + mElements : nullptr;
+        const std::uint16_t* amplitude = mMode == format::DUMP_DEPTH_AMPLITUDE ? depth + mElements : nullptr;
         if (!written(write_png(mJob.directory / files.depth, cv::Mat(mHeight, mWidth, CV_16UC1, depth)), files.depth))
             return false;
         const auto depthFrame =
@@ -121,21 +121,21 @@ private:
     }
 
     bool writeCloud(std::size_t i, const RecordFiles& files) {
-        const dump::frame_header& header = mLayout.records[i];
+        const format::frame_header& header = mLayout.records[i];
         CloudPlanes cloud;
         cloud.x = mPoints.data();
         cloud.y = cloud.x + mElements;
         cloud.z = cloud.y + mElements;
-        cloud.intensity = mMode == dump::DUMP_INTENSITY_POINTCLOUD ? cloud.z + mElements : nullptr;
+        cloud.intensity = mMode == format::DUMP_INTENSITY_POINTCLOUD ? cloud.z + mElements : nullptr;
         cloud.count = mElements;
-        const std::string comment = dump::format_line("record %zu of %s, frame_index %u, timestamp %" PRIu64 ", %s", i,
-                                                      fs::path(mJob.file).filename().c_str(), header.frame_index,
-                                                      header.timestamp, mLayout.cameraName().c_str());
+        const std::string comment = format::format_line("record %zu of %s, frame_index %u, timestamp %" PRIu64 ", %s",
+                                                        i, fs::path(mJob.file).filename().c_str(), header.frame_index,
+                                                        header.timestamp, mLayout.cameraName().c_str());
         return written(write_ply(mJob.directory / files.cloud, cloud, comment, mScratch).has_value(), files.cloud);
     }
 
     Job& mJob;
-    const dump::DumpLayout& mLayout;
+    const format::DumpLayout& mLayout;
     int mWidth = 0;
     int mHeight = 0;
     std::uint32_t mMode = 0;
@@ -150,10 +150,10 @@ private:
 };
 
 void work(Job& job) {
-    const dump::File file = dump::open_file(job.file, "rb");
+    const format::File file = format::open_file(job.file, "rb");
     if (!file) {
-        job.fail(
-            dump::format_line("cannot open %s: %s", job.file.c_str(), std::generic_category().message(errno).c_str()));
+        job.fail(format::format_line("cannot open %s: %s", job.file.c_str(),
+                                     std::generic_category().message(errno).c_str()));
     } else {
         RecordWriter writer(job);
         while (!job.stop.load()) {
@@ -194,7 +194,7 @@ void run_workers(Job& job, unsigned workers, bool progress, std::FILE* err) {
     if (bar) bar->finish(job.done.load());
 }
 
-bool write_index(const fs::path& path, const dump::DumpLayout& layout, const RecordRange& range) {
+bool write_index(const fs::path& path, const format::DumpLayout& layout, const RecordRange& range) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << "record,frame_index,timestamp,depth_png,depth_colour_png,amplitude_png,point_cloud_ply\n";
     for (std::size_t i = range.first; i <= range.last; ++i) {
@@ -234,12 +234,12 @@ std::optional<RecordRange> parse_record_range(const std::string& text) {
 }
 
 RecordFiles record_files(std::size_t record, unsigned mode) {
-    const std::string stem = dump::format_line("record_%04zu", record);
+    const std::string stem = format::format_line("record_%04zu", record);
     RecordFiles files;
-    if (mode <= dump::DUMP_DEPTH_AMPLITUDE) {
+    if (mode <= format::DUMP_DEPTH_AMPLITUDE) {
         files.depth = stem + "_depth.png";
         files.depthColour = stem + "_depth_colour.png";
-        if (mode == dump::DUMP_DEPTH_AMPLITUDE) files.amplitude = stem + "_amplitude.png";
+        if (mode == format::DUMP_DEPTH_AMPLITUDE) files.amplitude = stem + "_amplitude.png";
     } else {
         files.cloud = stem + ".ply";
     }
@@ -247,22 +247,22 @@ RecordFiles record_files(std::size_t record, unsigned mode) {
 }
 
 ExportStatus export_dump(const ExportOptions& options, std::FILE* err) {
-    dump::DumpLayout layout;
+    format::DumpLayout layout;
     {
-        const dump::File file = dump::open_file(options.file, "rb");
+        const format::File file = format::open_file(options.file, "rb");
         if (!file) {
             std::fprintf(err, "lmr export: cannot open %s: %s\n", options.file.c_str(),
                          std::generic_category().message(errno).c_str());
             return ExportStatus::kUnreadable;
         }
-        layout = dump::scan_dump(file.get());
+        layout = format::scan_dump(file.get());
     }
-    if (layout.problem == dump::ScanProblem::kShortHead || layout.problem == dump::ScanProblem::kNotADump) {
+    if (layout.problem == format::ScanProblem::kShortHead || layout.problem == format::ScanProblem::kNotADump) {
         std::fprintf(err, "lmr export: %s: %s\n", options.file.c_str(), layout.problemText.c_str());
         return ExportStatus::kUnreadable;
     }
     const std::size_t found = layout.records.size();
-    if (layout.problem != dump::ScanProblem::kNone)
+    if (layout.problem != format::ScanProblem::kNone)
         std::fprintf(err, "lmr export: %s: %s; only the %zu whole records before it can be exported\n",
                      options.file.c_str(), layout.problemText.c_str(), found);
     if (found == 0) {

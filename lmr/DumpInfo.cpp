@@ -6,39 +6,24 @@
 #include <memory>
 #include <system_error>
 
-#include "DumpFile.h"
+#include "format/DumpFile.h"
 
 namespace lumora::lmr {
 
 namespace {
 
-using dump::DumpLayout;
-using dump::ScanProblem;
+using format::DumpLayout;
+using format::ScanProblem;
 
 // Beyond this many findings of one kind, the rest are counted, not listed.
 constexpr std::size_t kListed = 10;
-
-const char* mode_name(std::uint32_t mode) {
-    switch (mode) {
-        case dump::DUMP_DEPTH:
-            return "Depth only";
-        case dump::DUMP_DEPTH_AMPLITUDE:
-            return "Depth + Amplitude";
-        case dump::DUMP_POINTCLOUD:
-            return "Pointcloud";
-        case dump::DUMP_INTENSITY_POINTCLOUD:
-            return "Intensity Pointcloud";
-        default:
-            return "unknown";
-    }
-}
 
 // Adds the listed findings of one kind, and a line counting those beyond kListed.
 void add_listed(std::vector<std::string>& findings, const std::vector<std::string>& found, const char* kind) {
     for (std::size_t i = 0; i < found.size() && i < kListed; ++i)
         findings.push_back(found[i]);
     if (found.size() > kListed)
-        findings.push_back(dump::format_line("... and %zu more %s", found.size() - kListed, kind));
+        findings.push_back(format::format_line("... and %zu more %s", found.size() - kListed, kind));
 }
 
 void check_indices(const DumpLayout& layout, Verification& result) {
@@ -52,10 +37,10 @@ void check_indices(const DumpLayout& layout, Verification& result) {
         result.skippedLists += skipped;
         if (i == 0)
             gaps.push_back(
-                dump::format_line("record 0 has frame_index %u: %u lists skipped before it", index, skipped));
+                format::format_line("record 0 has frame_index %u: %u lists skipped before it", index, skipped));
         else
-            gaps.push_back(dump::format_line("frame_index jumps from %u to %u at record %zu: %u lists skipped",
-                                             layout.records[i - 1].frame_index, index, i, skipped));
+            gaps.push_back(format::format_line("frame_index jumps from %u to %u at record %zu: %u lists skipped",
+                                               layout.records[i - 1].frame_index, index, i, skipped));
     }
     add_listed(result.findings, gaps, "frame_index gaps");
 }
@@ -72,7 +57,7 @@ void check_timestamps(const DumpLayout& layout, Verification& result) {
         const std::uint64_t now = records[i].timestamp;
         const double interval = now >= before ? static_cast<double>(now - before) : -static_cast<double>(before - now);
         if (now <= before)
-            backwards.push_back(dump::format_line(
+            backwards.push_back(format::format_line(
                 "record %zu's timestamp %" PRIu64 " does not come after record %zu's %" PRIu64, i, now, i - 1, before));
         intervals.smallest = i == 1 ? interval : std::min(intervals.smallest, interval);
         intervals.largest = i == 1 ? interval : std::max(intervals.largest, interval);
@@ -100,9 +85,10 @@ void check_end(const DumpLayout& layout, Verification& result) {
         case ScanProblem::kBadRecord:
         case ScanProblem::kRecordMismatch:
             result.findings.push_back(layout.problemText +
-                                      dump::format_line("; the file cannot be read past byte %" PRIu64 " (%" PRIu64
-                                                        " bytes after it not read)",
-                                                        layout.problemOffset, layout.fileBytes - layout.problemOffset));
+                                      format::format_line("; the file cannot be read past byte %" PRIu64 " (%" PRIu64
+                                                          " bytes after it not read)",
+                                                          layout.problemOffset,
+                                                          layout.fileBytes - layout.problemOffset));
             return;
     }
 }
@@ -110,12 +96,13 @@ void check_end(const DumpLayout& layout, Verification& result) {
 const char* or_empty(const std::string& text) { return text.empty() ? "(empty)" : text.c_str(); }
 
 void print_head(const DumpLayout& layout, std::FILE* out) {
-    const dump::dump_header& header = layout.header;
+    const format::dump_header& header = layout.header;
     std::fprintf(out, "[Dump header]\n");
     std::fprintf(out, "  sync_byte               0x%04x\n", header.sync_byte);
     std::fprintf(out, "  embedded_line_control   %u\n", header.embedded_line_control);
     std::fprintf(out, "  dump_frame_count        %u\n", header.dump_frame_count);
-    std::fprintf(out, "  dump_frame_type         %u (%s)\n", header.dump_frame_type, mode_name(header.dump_frame_type));
+    std::fprintf(out, "  dump_frame_type         %u (%s)\n", header.dump_frame_type,
+                 format::dump_mode_name(header.dump_frame_type));
     std::fprintf(out, "[Source descriptor]\n");
     std::fprintf(out, "  desc_tag                %u\n", layout.source.desc_tag);
     std::fprintf(out, "  source_type             %s\n", or_empty(layout.sourceType()));
@@ -131,7 +118,7 @@ void print_records(const DumpLayout& layout, const Verification& result, std::FI
     std::fprintf(out, "[Records]\n");
     std::fprintf(out, "  records                 %zu found, %zu announced\n", result.found, result.announced);
     if (layout.records.empty()) return;
-    const dump::frame_header& first = layout.records.front();
+    const format::frame_header& first = layout.records.front();
     std::fprintf(out, "  frame                   %u x %u, %u bytes per element, %" PRIu64 " bytes per record\n",
                  first.frame_width, first.frame_height, first.frame_data_size, layout.recordBytes);
     std::fprintf(out, "  frame_index             first %u, last %u, %zu lists skipped\n", first.frame_index,
@@ -157,11 +144,11 @@ Verification verify(const DumpLayout& layout) {
         return result;
     }
     if (result.found < result.announced)
-        result.findings.push_back(dump::format_line("%zu of the %zu announced records are missing",
-                                                    result.announced - result.found, result.announced));
+        result.findings.push_back(format::format_line("%zu of the %zu announced records are missing",
+                                                      result.announced - result.found, result.announced));
     else if (result.found > result.announced)
-        result.findings.push_back(dump::format_line("%zu records more than the %zu announced",
-                                                    result.found - result.announced, result.announced));
+        result.findings.push_back(format::format_line("%zu records more than the %zu announced",
+                                                      result.found - result.announced, result.announced));
     check_indices(layout, result);
     check_timestamps(layout, result);
     check_end(layout, result);
@@ -170,13 +157,13 @@ Verification verify(const DumpLayout& layout) {
 }
 
 InfoStatus print_info(const std::string& path, std::FILE* out, std::FILE* err) {
-    const dump::File file = dump::open_file(path, "rb");
+    const format::File file = format::open_file(path, "rb");
     if (!file) {
         std::fprintf(err, "lmr info: cannot open %s: %s\n", path.c_str(),
                      std::generic_category().message(errno).c_str());
         return InfoStatus::kUnreadable;
     }
-    const DumpLayout layout = dump::scan_dump(file.get());
+    const DumpLayout layout = format::scan_dump(file.get());
     const Verification result = verify(layout);
 
     std::fprintf(out, "%s: %" PRIu64 " bytes\n", path.c_str(), layout.fileBytes);

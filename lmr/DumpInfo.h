@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "DumpScan.h"
+#include "format/DumpScan.h"
 
 namespace lumora::lmr {
 
@@ -43,7 +43,7 @@ struct Verification {
 };
 
 // Checks a layout found by scan_dump().
-Verification verify(const dump::DumpLayout& layout);
+Verification verify(const format::DumpLayout& layout);
 
 // Prints the file's head and its verification to `out`, and messages about a file that
 // cannot be opened to `err`. Runs on the caller's thread.

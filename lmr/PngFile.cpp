@@ -7,7 +7,7 @@
 #include <png.h>
 #include <zlib.h>
 
-#include "DumpFile.h"
+#include "format/DumpFile.h"
 
 namespace lumora::lmr {
 
@@ -59,7 +59,7 @@ bool encode(std::FILE* file, const cv::Mat& image, png_structp png, png_infop in
 bool write_png(const std::string& path, const cv::Mat& image) {
     const int type = image.type();
     if (image.empty() || (type != CV_8UC1 && type != CV_8UC3 && type != CV_16UC1)) return false;
-    dump::File file = dump::open_file(path, "wb");
+    format::File file = format::open_file(path, "wb");
     if (file) std::setvbuf(file.get(), nullptr, _IOFBF, std::size_t{1} << 18);
     const PngWriteStruct writer;
     if (!file || writer.info() == nullptr || !encode(file.get(), image, writer.png(), writer.info())) return false;

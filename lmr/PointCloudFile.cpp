@@ -5,7 +5,7 @@
 #include <cstring>
 #include <memory>
 
-#include "DumpFile.h"
+#include "format/DumpFile.h"
 
 namespace lumora::lmr {
 
@@ -42,7 +42,7 @@ std::optional<std::size_t> write_ply(const std::string& path, const CloudPlanes&
     if (withIntensity) header += "property float intensity\n";
     header += "end_header\n";
 
-    dump::File file = dump::open_file(path, "wb");
+    format::File file = format::open_file(path, "wb");
     if (!file) return std::nullopt;
     if (std::fwrite(header.data(), 1, header.size(), file.get()) != header.size() ||
         std::fwrite(scratch.data(), 1, scratch.size(), file.get()) != scratch.size())

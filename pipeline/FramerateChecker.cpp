@@ -3,7 +3,7 @@
 // loses or splits a count. The shell thread changes the band and the check flag through
 // atomics, without the lock. Shutdown: stop() returns only once an event in progress has
 // finished, and the destructor destroys the timer before any member goes.
-#include "FramerateChecker.h"
+#include "pipeline/FramerateChecker.h"
 
 namespace lumora::pipeline {
 

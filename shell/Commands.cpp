@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "TextHelpers.h"
+#include "terminal/TextHelpers.h"
 
 #include "Discovery.h"
 #include "PropertyCommands.h"
@@ -31,8 +31,7 @@ Outcome quit(ShellContext& context, const std::string& /*argument*/) {
         context.camera->stop();
         context.camera->release();
         hs::destroy_camera(context.camera);
-        context.camera.reset();
-        context.promptName.clear();
+        forget_camera(context);
     }
     context.quit = true;
     return std::nullopt;

@@ -3,12 +3,12 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "ColorMaps.h"
-#include "FrameDumpSink.h"
-#include "OpenCVVideoRendererSink.h"
 #include "ResultPrinter.h"
 #include "SourceListener.h"
-#include "TextHelpers.h"
+#include "display/OpenCVVideoRendererSink.h"
+#include "dump/FrameDumpSink.h"
+#include "imaging/ColorMaps.h"
+#include "terminal/TextHelpers.h"
 
 namespace lumora::shell {
 
@@ -46,6 +46,8 @@ Outcome select(ShellContext& context, const std::string& argument) {
     const std::string name = source->name();
     std::printf("selected device(%s:%s)\n\r", name.c_str(), source->serialNumber().c_str());
     context.promptName = name;
+    // The renderer is a prepared listener from start-up (main.cpp); the dump sink becomes one
+    // here, for this camera, and stops being one when it is closed (close_camera below).
     if (context.renderer != nullptr) context.camera->addSink(context.renderer);
     gSourceListener.setCamera(context.camera);
     if (context.dumpSink != nullptr) {
@@ -67,9 +69,14 @@ Outcome deselect(ShellContext& context, const std::string& /*argument*/) {
     context.stopStressTest();
     context.camera->stop();
     const hs::Result result = hs::destroy_camera(context.camera);
+    forget_camera(context);
+    return result;
+}
+
+void forget_camera(ShellContext& context) {
+    if (context.dumpSink != nullptr) hs::remove_prepared_listener(context.dumpSink);
     context.camera.reset();
     context.promptName.clear();
-    return result;
 }
 
 }  // namespace lumora::shell

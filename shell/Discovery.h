@@ -12,4 +12,8 @@ Outcome search(ShellContext& context, const std::string& argument);
 Outcome select(ShellContext& context, const std::string& argument);
 Outcome deselect(ShellContext& context, const std::string& argument);
 
+// After the selected camera has been closed ("deselect", "quit"): undoes what "select" set up
+// beside the camera's own sinks (the dump sink's prepared listener) and forgets the camera.
+void forget_camera(ShellContext& context);
+
 }  // namespace lumora::shell

@@ -8,7 +8,7 @@
 
 #include "ResultPrinter.h"
 #include "Settings.h"
-#include "TextHelpers.h"
+#include "terminal/TextHelpers.h"
 
 namespace lumora::shell {
 

@@ -8,11 +8,11 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "ColorMaps.h"
-#include "FrameDumpSink.h"
-#include "OpenCVVideoRendererSink.h"
-#include "TextHelpers.h"
-#include "WebView.h"
+#include "display/OpenCVVideoRendererSink.h"
+#include "dump/FrameDumpSink.h"
+#include "imaging/ColorMaps.h"
+#include "terminal/TextHelpers.h"
+#include "web/WebView.h"
 
 namespace lumora::shell {
 

@@ -9,7 +9,7 @@
 
 #include <halden/sensor/Lumora.h>
 
-#include "History.h"
+#include "terminal/History.h"
 
 namespace lumora::dump {
 class FrameDumpSink;

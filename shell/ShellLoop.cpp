@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include "Commands.h"
-#include "ScriptReader.h"
-#include "Terminal.h"
+#include "terminal/ScriptReader.h"
+#include "terminal/Terminal.h"
 
 namespace lumora::shell {
 

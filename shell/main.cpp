@@ -14,12 +14,12 @@
 
 #include <halden/sensor/Lumora.h>
 
-#include "FrameDumpSink.h"
-#include "OpenCVVideoRendererSink.h"
 #include "ShellContext.h"
 #include "ShellLoop.h"
 #include "SourceListener.h"
-#include "WebView.h"
+#include "display/OpenCVVideoRendererSink.h"
+#include "dump/FrameDumpSink.h"
+#include "web/WebView.h"
 
 namespace {
 
@@ -54,6 +54,8 @@ int main() {
     auto dumpSink = std::make_unique<lumora::dump::FrameDumpSink>();
     context.renderer = renderer.get();
     context.dumpSink = dumpSink.get();
+    // The renderer hears of every prepared camera from here on; the dump sink only of the
+    // selected one, added and removed with the selection (Discovery.cpp).
     halden::sensor::add_prepared_listener(renderer.get());
     gSourceListener.setStopTest([&context] { context.stopStressTest(); });
 
@@ -64,7 +66,6 @@ int main() {
     if (shellThread.joinable()) shellThread.join();
     context.sources.reset();
     context.camera.reset();
-    halden::sensor::remove_prepared_listener(dumpSink.get());
     halden::sensor::remove_prepared_listener(renderer.get());
     dumpSink.reset();
     renderer.reset();

@@ -1,11 +1,11 @@
-#include "History.h"
+#include "terminal/History.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <limits>
 #include <stdexcept>
 
-#include "TextHelpers.h"
+#include "terminal/TextHelpers.h"
 
 namespace lumora::terminal {
 

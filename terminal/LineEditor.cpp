@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "Terminal.h"
+#include "terminal/Terminal.h"
 
 namespace lumora::terminal {
 

@@ -1,4 +1,4 @@
-#include "ScriptReader.h"
+#include "terminal/ScriptReader.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "TextHelpers.h"
+#include "terminal/TextHelpers.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -22,8 +22,9 @@
 #include <boost/beast/websocket.hpp>
 
 #include "PageMessage.h"
-#include "Readout.h"
 #include "Routes.h"
+#include "imaging/Readout.h"
+#include "pipeline/Percentile.h"
 
 namespace lumora::web {
 
@@ -33,6 +34,8 @@ namespace http = beast::http;
 namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 using Clock = std::chrono::steady_clock;
+using imaging::Readout;
+using pipeline::percentile;
 
 namespace {
 
@@ -86,13 +89,6 @@ double millisecondsSince(Clock::time_point when) {
 
 void sample(std::vector<double>& samples, double value) {
     if (samples.size() < kMaxSamples) samples.push_back(value);
-}
-
-double percentile(std::vector<double> samples, double fraction) {
-    if (samples.empty()) return 0.0;
-    const auto rank = static_cast<std::size_t>(fraction * static_cast<double>(samples.size() - 1));
-    std::nth_element(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(rank), samples.end());
-    return samples[rank];
 }
 
 std::shared_ptr<const Broadcast> findRecent(const State& state, std::uint32_t sequence) {
@@ -201,7 +197,7 @@ private:
                 std::optional<Readout> readout;
                 if (found) {
                     const auto& size = found->sizes[static_cast<std::size_t>(message.view)];
-                    readout = readValue(found->list, message.view, message.x, message.y, size[0], size[1]);
+                    readout = imaging::readValue(found->list, message.view, message.x, message.y, size[0], size[1]);
                 }
                 offer(kReadoutSlot, std::make_shared<const std::string>(readoutJson(message.view, readout)), false,
                       std::nullopt);

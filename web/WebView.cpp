@@ -4,7 +4,7 @@
 // point clouds at most ten times a second while a watcher has the 3-D view open) and posts
 // the result to the server's network thread. Shutdown: stop() marks the encoder stopping,
 // wakes and joins it, then stops the server.
-#include "WebView.h"
+#include "web/WebView.h"
 
 #include <cmath>
 #include <cstdio>
@@ -18,13 +18,17 @@
 
 #include "PageAssets.h"
 #include "PictureEncoder.h"
-#include "Readout.h"
+#include "Server.h"
 #include "Token.h"
+#include "imaging/View.h"
 
 namespace lumora::web {
 
 namespace hs = halden::sensor;
 using Clock = std::chrono::steady_clock;
+using imaging::Picture;
+using imaging::Snapshot;
+using imaging::Status;
 
 namespace {
 
@@ -130,7 +134,7 @@ std::shared_ptr<const std::string> cloudMessage(const std::shared_ptr<hs::Lumora
 
 }  // namespace
 
-WebView::WebView() : mServer(std::string(pageHtml())) {}
+WebView::WebView() : mServer(std::make_unique<Server>(std::string(pageHtml()))) {}
 
 WebView::~WebView() { stop(); }
 
@@ -146,7 +150,7 @@ std::string WebView::start() {
     stop();
     const std::string token = makeToken();
     if (token.empty()) return "no random token could be made";
-    std::string failure = mServer.start(mBind, mPort, token);
+    std::string failure = mServer->start(mBind, mPort, token);
     if (!failure.empty()) return failure;
     const bool ipv6 = mBind.find(':') != std::string::npos;
     mUrl = "http://" + (ipv6 ? "[" + mBind + "]" : mBind) + ":" + std::to_string(mPort) + "/?token=" + token;
@@ -168,7 +172,7 @@ void WebView::stop() {
     }
     mWake.notify_all();
     if (mEncoder.joinable()) mEncoder.join();
-    const ServerStats stats = mServer.stop();
+    const ServerStats stats = mServer->stop();
     mUrl.clear();
     hs::Log::i(LUMORA_LOG_TAG("WebView"),
                "web view: %llu messages sent, %llu dropped for slow watchers, %llu bytes, %llu watchers refused; "
@@ -179,7 +183,7 @@ void WebView::stop() {
                stats.decodedP50, stats.decodedP99);
 }
 
-bool WebView::wanted() const { return mServer.watchers() > 0; }
+bool WebView::wanted() const { return mServer->watchers() > 0; }
 
 void WebView::publish(Snapshot snapshot) {
     {
@@ -201,7 +205,7 @@ void WebView::encodeLoop() {
             snapshot = std::move(*mPending);
             mPending.reset();
         }
-        if (mServer.watchers() > 0) encode(snapshot, encoder);
+        if (mServer->watchers() > 0) encode(snapshot, encoder);
     }
 }
 
@@ -211,9 +215,10 @@ void WebView::encode(const Snapshot& snapshot, PictureEncoder& encoder) {
     message->delivered = snapshot.delivered;
     message->list = snapshot.list;
     const std::uint64_t timestamp = snapshot.list ? snapshot.list->timestamp() : 0;
-    const bool png = mServer.pngWanted();
+    const bool png = mServer->pngWanted();
     for (const Picture& picture : snapshot.pictures) {
-        if (picture.view < kDepth || picture.view > kIntensityAmplitude || picture.image.empty()) continue;
+        if (picture.view < imaging::kDepth || picture.view > imaging::kIntensityAmplitude || picture.image.empty())
+            continue;
         const auto slot = static_cast<std::size_t>(picture.view);
         message->sizes[slot] = {picture.image.cols, picture.image.rows};
         const auto head = [&](Format format) {
@@ -231,15 +236,15 @@ void WebView::encode(const Snapshot& snapshot, PictureEncoder& encoder) {
     message->jpeg[kStatusSlot] =
         std::make_shared<std::string>(statusJson(snapshot.status, message->sequence, timestamp));
     const auto now = Clock::now();
-    if (mServer.cloudWanted() && snapshot.list && now - mLastCloud >= kCloudInterval) {
+    if (mServer->cloudWanted() && snapshot.list && now - mLastCloud >= kCloudInterval) {
         mLastCloud = now;
         message->jpeg[kCloudSlot] = cloudMessage(hs::find_frame(snapshot.list, hs::LumoraFrame::FRAME_POINTCLOUD),
-                                                 kPointCloud, message->sequence);
+                                                 imaging::kPointCloud, message->sequence);
         message->jpeg[kIntensityCloudSlot] =
-            cloudMessage(hs::find_frame(snapshot.list, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD), kIntensityDepth,
-                         message->sequence);
+            cloudMessage(hs::find_frame(snapshot.list, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD),
+                         imaging::kIntensityDepth, message->sequence);
     }
-    mServer.broadcast(std::move(message));
+    mServer->broadcast(std::move(message));
 }
 
 }  // namespace lumora::web

@@ -5,9 +5,12 @@
 #include "DumpBytes.h"
 #include "DumpListing.h"
 #include "DumpTestSupport.h"
+#include "dump/FrameDumpSink.h"
 
 namespace lumora::dump::test {
 namespace {
+
+using format::test::FileBytes;
 
 const char* const kDescriptors =
     "[Source descriptor]\n"
@@ -57,7 +60,7 @@ protected:
     static std::string inspect(const FileBytes& file) {
         std::ofstream("in.lmr", std::ios::binary) << file.bytes();
         testing::internal::CaptureStdout();
-        inspectDumpFile("in.lmr");
+        FrameDumpSink::inspectDumpFile("in.lmr");
         return testing::internal::GetCapturedStdout();
     }
 };
@@ -115,8 +118,8 @@ TEST_F(DumpListingTest, PrintsOddAndShortFiles) {
 
 TEST_F(DumpListingTest, UnopenableAndEmptyPaths) {
     testing::internal::CaptureStdout();
-    inspectDumpFile("no-such-dir/x.lmr");
-    inspectDumpFile("");
+    FrameDumpSink::inspectDumpFile("no-such-dir/x.lmr");
+    FrameDumpSink::inspectDumpFile("");
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(out.rfind("\rE/FrameDumpSink:", 0) == 0 && out.find(": fail to open file!\n") != std::string::npos &&
                 out.find('[') == std::string::npos)

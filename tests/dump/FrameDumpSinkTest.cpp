@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "DumpTestSupport.h"
-#include "FrameDumpSink.h"
+#include "dump/FrameDumpSink.h"
 
 namespace lumora::dump::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace lumora::dump::test {
+namespace lumora::format::test {
 
 // A dump file, little-endian field by field.
 class FileBytes {
@@ -39,4 +39,4 @@ private:
     std::string mBytes;
 };
 
-}  // namespace lumora::dump::test
+}  // namespace lumora::format::test

@@ -5,10 +5,10 @@
 #include <cstdio>
 
 #include "DumpBytes.h"
-#include "DumpFile.h"
-#include "DumpScan.h"
+#include "format/DumpFile.h"
+#include "format/DumpScan.h"
 
-namespace lumora::dump::test {
+namespace lumora::format::test {
 namespace {
 
 // Records of 4x2 depth + amplitude with embedded lines: 15 + 4 + 2 x 16 bytes each.
@@ -54,4 +54,4 @@ TEST(DumpScanTest, FindsTheFirstProblem) {
 }
 
 }  // namespace
-}  // namespace lumora::dump::test
+}  // namespace lumora::format::test

@@ -11,15 +11,15 @@
 #include <string>
 #include <vector>
 
-#include "DumpFile.h"
 #include "Recording.h"
+#include "format/DumpFile.h"
 
 namespace {
 
 // Keeps the reads of each input.
 volatile std::uint64_t gTouched = 0;
 
-using File = lumora::dump::File;
+using File = lumora::format::File;
 
 File open_bytes(std::vector<std::uint8_t>& bytes, std::size_t size) { return File(fmemopen(bytes.data(), size, "rb")); }
 

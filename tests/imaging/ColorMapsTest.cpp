@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "ColorMaps.h"
+#include "imaging/ColorMaps.h"
 
 namespace lumora::imaging {
 namespace {

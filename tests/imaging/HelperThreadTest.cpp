@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "HelperThread.h"
+#include "imaging/HelperThread.h"
 
 namespace lumora::imaging {
 namespace {

@@ -11,13 +11,13 @@
 
 #include <opencv2/imgcodecs.hpp>
 
-#include "ColorMaps.h"
 #include "DumpExport.h"
 #include "DumpInfo.h"
-#include "DumpScan.h"
 #include "DumpTestSupport.h"
-#include "DumpWriter.h"
-#include "FrameConversion.h"
+#include "dump/DumpWriter.h"
+#include "format/DumpScan.h"
+#include "imaging/ColorMaps.h"
+#include "imaging/FrameConversion.h"
 
 namespace lumora::dump::test {
 namespace {
@@ -73,12 +73,12 @@ void write_dump(const std::string& path, std::uint16_t mode, std::uint16_t annou
                 bool embedded, const std::vector<Record>& records, const char* camera = "QRX200AP") {
     DumpWriter writer(path);
     ASSERT_TRUE(writer.isOpen());
-    camera_descriptor cameraDescriptor{kCameraDescriptorTag, 0x312, {}, {}, {}};
-    fill_text_field(cameraDescriptor.sdk_version, "2.3.0");
-    fill_text_field(cameraDescriptor.serial_number, "LM0536240000");
-    fill_text_field(cameraDescriptor.camera_name, camera);
-    ASSERT_EQ(writer.writeHead({kSyncByte, static_cast<std::uint8_t>(embedded ? 1 : 0), announced, mode},
-                               {kSourceDescriptorTag, "sim"}, cameraDescriptor),
+    format::camera_descriptor cameraDescriptor{format::kCameraDescriptorTag, 0x312, {}, {}, {}};
+    format::fill_text_field(cameraDescriptor.sdk_version, "2.3.0");
+    format::fill_text_field(cameraDescriptor.serial_number, "LM0536240000");
+    format::fill_text_field(cameraDescriptor.camera_name, camera);
+    ASSERT_EQ(writer.writeHead({format::kSyncByte, static_cast<std::uint8_t>(embedded ? 1 : 0), announced, mode},
+                               {format::kSourceDescriptorTag, "sim"}, cameraDescriptor),
               hs::RESULT_SUCCESS);
     const std::size_t n = static_cast<std::size_t>(width) * height;
     for (std::size_t r = 0; r < records.size(); ++r) {
@@ -86,13 +86,14 @@ void write_dump(const std::string& path, std::uint16_t mode, std::uint16_t annou
         const auto samples = sample_planes(r, width, height);
         const auto cloud = cloud_planes(r, width, height);
         std::vector<Bytes> blocks;
-        for (std::size_t b = 0; b < block_count(mode); ++b)
-            blocks.push_back(mode <= DUMP_DEPTH_AMPLITUDE ? Bytes{samples.data() + b * n, n * 2}
-                                                          : Bytes{cloud.data() + b * n, n * 4});
-        ASSERT_EQ(writer.writeRecord({records[r].index, static_cast<std::uint16_t>(width),
-                                      static_cast<std::uint16_t>(height), element_size(mode), records[r].timestamp},
-                                     embedded ? Bytes{line.data(), line.size()} : Bytes{nullptr, 0}, blocks),
-                  hs::RESULT_SUCCESS);
+        for (std::size_t b = 0; b < format::block_count(mode); ++b)
+            blocks.push_back(mode <= format::DUMP_DEPTH_AMPLITUDE ? Bytes{samples.data() + b * n, n * 2}
+                                                                  : Bytes{cloud.data() + b * n, n * 4});
+        ASSERT_EQ(
+            writer.writeRecord({records[r].index, static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height),
+                                format::element_size(mode), records[r].timestamp},
+                               embedded ? Bytes{line.data(), line.size()} : Bytes{nullptr, 0}, blocks),
+            hs::RESULT_SUCCESS);
     }
 }
 
@@ -100,7 +101,7 @@ lmr::Verification verify_file(const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "rb");
     EXPECT_NE(file, nullptr);
     if (file == nullptr) return {};
-    const DumpLayout layout = scan_dump(file);
+    const format::DumpLayout layout = format::scan_dump(file);
     std::fclose(file);
     return lmr::verify(layout);
 }
@@ -128,7 +129,7 @@ using LmrExport = InScratchDirectory;
 
 TEST_F(LmrInfo, FindsWhatIsWrongAndSaysSoInItsExitStatus) {
     // Whole: 300 records at 30 per second; frame_index wraps from 255 to 0 without a gap.
-    write_dump("whole.lmr", DUMP_DEPTH_AMPLITUDE, 300, 4, 2, true, steady(300, 4));
+    write_dump("whole.lmr", format::DUMP_DEPTH_AMPLITUDE, 300, 4, 2, true, steady(300, 4));
     const auto whole = verify_file("whole.lmr");
     EXPECT_EQ(whole.status, InfoStatus::kWhole) << joined(whole.findings);
     EXPECT_EQ(whole.found, 300U);
@@ -147,7 +148,7 @@ TEST_F(LmrInfo, FindsWhatIsWrongAndSaysSoInItsExitStatus) {
     gaps[2].index = 254;
     gaps[3].index = 1;
     gaps[3].timestamp += 2 * kInterval;
-    write_dump("gaps.lmr", DUMP_DEPTH, 10, 4, 2, false, gaps);
+    write_dump("gaps.lmr", format::DUMP_DEPTH, 10, 4, 2, false, gaps);
     const auto skipped = verify_file("gaps.lmr");
     EXPECT_EQ(skipped.status, InfoStatus::kFindings);
     EXPECT_EQ(skipped.skippedLists, 2U + 250U + 2U);
@@ -158,7 +159,7 @@ TEST_F(LmrInfo, FindsWhatIsWrongAndSaysSoInItsExitStatus) {
     EXPECT_DOUBLE_EQ(skipped.intervals.largest, 3.0 * kInterval);
 
     // The last record cut short by 3 bytes.
-    write_dump("cut.lmr", DUMP_DEPTH, 3, 4, 2, true, steady(3, 4));
+    write_dump("cut.lmr", format::DUMP_DEPTH, 3, 4, 2, true, steady(3, 4));
     const auto size = fs::file_size("cut.lmr");
     fs::resize_file("cut.lmr", size - 3);
     const auto cut = verify_file("cut.lmr");
@@ -166,7 +167,7 @@ TEST_F(LmrInfo, FindsWhatIsWrongAndSaysSoInItsExitStatus) {
     EXPECT_EQ(cut.found, 2U);
     const std::string cutText = joined(cut.findings);
     const std::uint64_t record = 15 + 4 + 4 * 2 * 2;
-    EXPECT_NE(cutText.find("record 2 at byte " + std::to_string(kHeadBytes + 2 * record) + " is cut short"),
+    EXPECT_NE(cutText.find("record 2 at byte " + std::to_string(format::kHeadBytes + 2 * record) + " is cut short"),
               std::string::npos)
         << cutText;
 
@@ -174,15 +175,16 @@ TEST_F(LmrInfo, FindsWhatIsWrongAndSaysSoInItsExitStatus) {
     // a reader looks for it, and nothing after it can be read.
     std::vector<Record> longLine = steady(4, 4);
     longLine[1].lineBytes = 7;
-    write_dump("line.lmr", DUMP_DEPTH, 4, 4, 2, true, longLine);
+    write_dump("line.lmr", format::DUMP_DEPTH, 4, 4, 2, true, longLine);
     const auto line = verify_file("line.lmr");
     EXPECT_EQ(line.status, InfoStatus::kFindings);
     EXPECT_EQ(line.found, 2U);
     const std::string lineText = joined(line.findings);
-    EXPECT_NE(lineText.find("record 2 at byte " + std::to_string(kHeadBytes + 2 * record)), std::string::npos)
+    EXPECT_NE(lineText.find("record 2 at byte " + std::to_string(format::kHeadBytes + 2 * record)), std::string::npos)
         << lineText;
     EXPECT_NE(lineText.find("embedded line of record 1"), std::string::npos) << lineText;
-    EXPECT_NE(lineText.find("cannot be read past byte " + std::to_string(kHeadBytes + 2 * record)), std::string::npos)
+    EXPECT_NE(lineText.find("cannot be read past byte " + std::to_string(format::kHeadBytes + 2 * record)),
+              std::string::npos)
         << lineText;
 
     std::ofstream("garbage.lmr", std::ios::binary) << std::string(4096, '\x5a');
@@ -223,7 +225,7 @@ TEST_F(LmrExport, WritesTheRecordedValuesAndTheDisplaysPictures) {
     constexpr int kWidth = 64;
     constexpr int kHeight = 48;
     constexpr std::size_t kRecords = 5;
-    write_dump("depth.lmr", DUMP_DEPTH_AMPLITUDE, kRecords, kWidth, kHeight, true, steady(kRecords, kWidth));
+    write_dump("depth.lmr", format::DUMP_DEPTH_AMPLITUDE, kRecords, kWidth, kHeight, true, steady(kRecords, kWidth));
     lmr::ExportOptions options;
     options.file = "depth.lmr";
     options.directory = "out";
@@ -278,7 +280,7 @@ std::vector<float> ply_vertices(const std::string& path, std::size_t& announced)
 TEST_F(LmrExport, WritesThePointsOfARecordAsPly) {
     constexpr int kWidth = 40;
     constexpr int kHeight = 30;
-    write_dump("cloud.lmr", DUMP_INTENSITY_POINTCLOUD, 4, kWidth, kHeight, false, steady(4, kWidth));
+    write_dump("cloud.lmr", format::DUMP_INTENSITY_POINTCLOUD, 4, kWidth, kHeight, false, steady(4, kWidth));
     EXPECT_EQ(run_lmr("export --records 1-2 cloud.lmr out"), 0);
     EXPECT_FALSE(fs::exists("out/record_0000.ply"));
     EXPECT_FALSE(fs::exists("out/record_0003.ply"));

@@ -2,7 +2,7 @@
 // library timer's first event is a second after start, far beyond these tests.
 #include <gtest/gtest.h>
 
-#include "FramerateChecker.h"
+#include "pipeline/FramerateChecker.h"
 
 namespace lumora::pipeline {
 

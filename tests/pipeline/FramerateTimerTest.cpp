@@ -6,7 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "FramerateChecker.h"
+#include "pipeline/FramerateChecker.h"
 
 namespace lumora::pipeline {
 namespace {

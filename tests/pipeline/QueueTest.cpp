@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "Queue.h"
+#include "pipeline/Queue.h"
 
 namespace halden::sensor {
 namespace {

@@ -6,13 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "DumpWriter.h"
 #include "SimTestSupport.h"
+#include "dump/DumpWriter.h"
 
 namespace halden::sensor::test {
 namespace {
 
 namespace dump = lumora::dump;
+namespace format = lumora::format;
 
 constexpr int kWidth = 8;
 constexpr int kHeight = 4;
@@ -22,7 +23,7 @@ const std::vector<std::uint64_t> kTimestamps = {1000, 11000, 21000};
 struct DumpFile {
     std::uint16_t mode = 0;
     bool lines = false;
-    std::size_t blockBytes() const { return std::size_t{kWidth} * kHeight * dump::element_size(mode); }
+    std::size_t blockBytes() const { return std::size_t{kWidth} * kHeight * format::element_size(mode); }
     std::vector<std::uint8_t> line(std::size_t record) const {
         std::vector<std::uint8_t> bytes(kWidth);
         for (std::size_t j = 0; j < bytes.size(); ++j)
@@ -30,7 +31,7 @@ struct DumpFile {
         return bytes;
     }
     std::vector<std::uint8_t> blocks(std::size_t record) const {
-        std::vector<std::uint8_t> bytes(blockBytes() * dump::block_count(mode));
+        std::vector<std::uint8_t> bytes(blockBytes() * format::block_count(mode));
         for (std::size_t j = 0; j < bytes.size(); ++j)
             bytes[j] = static_cast<std::uint8_t>(record * 31 + j * 7 + 1);
         return bytes;
@@ -39,17 +40,17 @@ struct DumpFile {
     std::string write(const std::string& name) const {
         std::string path = testing::TempDir() + name;
         dump::DumpWriter out(path);
-        dump::camera_descriptor camera{dump::kCameraDescriptorTag, 0x0205, {}, {}, {}};
-        dump::fill_text_field(camera.serial_number, "LM0042");
-        dump::fill_text_field(camera.camera_name, "QRX200AP");
-        EXPECT_EQ(out.writeHead({dump::kSyncByte, static_cast<std::uint8_t>(lines), 3, mode},
-                                {dump::kSourceDescriptorTag, "sim"}, camera),
+        format::camera_descriptor camera{format::kCameraDescriptorTag, 0x0205, {}, {}, {}};
+        format::fill_text_field(camera.serial_number, "LM0042");
+        format::fill_text_field(camera.camera_name, "QRX200AP");
+        EXPECT_EQ(out.writeHead({format::kSyncByte, static_cast<std::uint8_t>(lines), 3, mode},
+                                {format::kSourceDescriptorTag, "sim"}, camera),
                   RESULT_SUCCESS);
         for (std::size_t r = 0; r < kTimestamps.size(); ++r) {
             const auto lineBytes = line(r);
             const auto blockBytes = blocks(r);
             EXPECT_EQ(out.writeRecord(
-                          {static_cast<std::uint8_t>(r), kWidth, kHeight, dump::element_size(mode), kTimestamps[r]},
+                          {static_cast<std::uint8_t>(r), kWidth, kHeight, format::element_size(mode), kTimestamps[r]},
                           lines ? dump::Bytes{lineBytes.data(), lineBytes.size()} : dump::Bytes{nullptr, 0},
                           {{blockBytes.data(), blockBytes.size()}}),
                       RESULT_SUCCESS);
@@ -144,16 +145,16 @@ TEST_F(ReplayTest, FilesThatCannotBePlayedMakeNoDeviceAndOneLogLineEach) {
         return path;
     };
     std::string wider = whole;
-    wider[dump::kHeadBytes + 1] = kWidth + 1;  // the first record's width, a byte more than its line
+    wider[format::kHeadBytes + 1] = kWidth + 1;  // the first record's width, a byte more than its line
     std::string huge = whole;
-    huge[dump::kHeadBytes + 1] = huge[dump::kHeadBytes + 2] = huge[dump::kHeadBytes + 3] = huge[dump::kHeadBytes + 4] =
-        '\xFF';
+    huge[format::kHeadBytes + 1] = huge[format::kHeadBytes + 2] = huge[format::kHeadBytes + 3] =
+        huge[format::kHeadBytes + 4] = '\xFF';
     const std::vector<std::string> bad = {
         testing::TempDir() + "replay_missing.lmr",
         variant("replay_truncated.lmr", whole.substr(0, whole.size() - 1)),
         variant("replay_wider.lmr", wider),
         variant("replay_huge.lmr", huge),
-        variant("replay_head_only.lmr", whole.substr(0, dump::kHeadBytes)),
+        variant("replay_head_only.lmr", whole.substr(0, format::kHeadBytes)),
         variant("replay_garbage.lmr", std::string(500, 'x')),
     };
     std::string entries = "QRX100A:64x48";

@@ -5,8 +5,8 @@
 
 #include <halden/sensor/sim/SimControl.h>
 
-#include "ColorMaps.h"
 #include "Commands.h"
+#include "imaging/ColorMaps.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "Terminal.h"
+#include "terminal/Terminal.h"
 
 using lumora::terminal::Terminal;
 

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <stdexcept>
 
-#include "TextHelpers.h"
+#include "terminal/TextHelpers.h"
 
 namespace {
 

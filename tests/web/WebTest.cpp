@@ -14,14 +14,16 @@
 
 #include "PageMessage.h"
 #include "PictureEncoder.h"
-#include "Readout.h"
 #include "Routes.h"
 #include "Token.h"
+#include "imaging/Readout.h"
+#include "imaging/View.h"
 
 namespace lumora::web {
 namespace {
 
 namespace hs = halden::sensor;
+using imaging::readValue;
 
 const std::string kToken = "0123456789abcdef0123456789abcdef";
 
@@ -122,27 +124,27 @@ TEST(Readout, ReadsTheFramePixelUnderAScaledPicturePoint) {
                                   frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_FLOAT32, 8, 6, cloud)});
 
     // A picture of half the frame's size: point (3, 2) is frame column 6, row 4.
-    const auto d = readValue(list, kDepth, 3, 2, 4, 3);
+    const auto d = readValue(list, imaging::kDepth, 3, 2, 4, 3);
     ASSERT_TRUE(d);
     EXPECT_EQ(d->column, 6);
     EXPECT_EQ(d->row, 4);
     EXPECT_EQ(d->value, 1000 + 4 * 8 + 6);
     EXPECT_EQ(d->timestamp, 4242U);
     EXPECT_EQ(d->text, "  x:6, y:4, d:1038");
-    EXPECT_EQ(readValue(list, kAmplitude, 0, 0, 8, 6)->value, 3);
-    EXPECT_EQ(readValue(list, kAmplitude, 5, 1, 8, 6)->value, 65535);
-    EXPECT_EQ(readValue(list, kAmplitude, 0, 0, 8, 6)->letter, 'a');
-    const auto z = readValue(list, kPointCloud, 1, 1, 8, 6);
+    EXPECT_EQ(readValue(list, imaging::kAmplitude, 0, 0, 8, 6)->value, 3);
+    EXPECT_EQ(readValue(list, imaging::kAmplitude, 5, 1, 8, 6)->value, 65535);
+    EXPECT_EQ(readValue(list, imaging::kAmplitude, 0, 0, 8, 6)->letter, 'a');
+    const auto z = readValue(list, imaging::kPointCloud, 1, 1, 8, 6);
     ASSERT_TRUE(z);
     EXPECT_EQ(z->value, 1234);
     EXPECT_EQ(z->text, "  x:1, y:1, z:1234");
 
-    EXPECT_FALSE(readValue(list, kDepth, 4, 0, 4, 3));
-    EXPECT_FALSE(readValue(list, kDepth, 0, -1, 4, 3));
-    EXPECT_FALSE(readValue(list, kDepth, 0, 0, 0, 3));
-    EXPECT_FALSE(readValue(list, kIntensityDepth, 0, 0, 8, 6));
-    EXPECT_FALSE(readValue(list, kFramerate, 0, 0, 8, 6));
-    EXPECT_FALSE(readValue(nullptr, kDepth, 0, 0, 8, 6));
+    EXPECT_FALSE(readValue(list, imaging::kDepth, 4, 0, 4, 3));
+    EXPECT_FALSE(readValue(list, imaging::kDepth, 0, -1, 4, 3));
+    EXPECT_FALSE(readValue(list, imaging::kDepth, 0, 0, 0, 3));
+    EXPECT_FALSE(readValue(list, imaging::kIntensityDepth, 0, 0, 8, 6));
+    EXPECT_FALSE(readValue(list, imaging::kFramerate, 0, 0, 8, 6));
+    EXPECT_FALSE(readValue(nullptr, imaging::kDepth, 0, 0, 8, 6));
 }
 
 TEST(PictureEncoder, KeepsTheColoursInTheirChannels) {

@@ -6,12 +6,12 @@
 
 #include <halden/sensor/LumoraFrame.h>
 
-#include "DumpFile.h"
-#include "DumpScan.h"
+#include "format/DumpFile.h"
+#include "format/DumpScan.h"
 
 namespace halden::sensor::sim {
 
-namespace dump = lumora::dump;
+namespace format = lumora::format;
 
 namespace {
 
@@ -26,7 +26,7 @@ std::chrono::microseconds interval_between(std::uint64_t before, std::uint64_t a
 }
 
 // From the last record back to the first: the file's mean interval.
-std::chrono::microseconds loop_interval(const std::vector<dump::frame_header>& records) {
+std::chrono::microseconds loop_interval(const std::vector<format::frame_header>& records) {
     if (records.size() < 2) return kSingleRecordInterval;
     std::chrono::microseconds sum{0};
     for (std::size_t i = 1; i < records.size(); ++i)
@@ -34,8 +34,8 @@ std::chrono::microseconds loop_interval(const std::vector<dump::frame_header>& r
     return std::max(kShortestLoop, sum / static_cast<std::int64_t>(records.size() - 1));
 }
 
-std::optional<RecordingInfo> describe_layout(const dump::DumpLayout& layout, std::string& problem) {
-    if (layout.problem != dump::ScanProblem::kNone) {
+std::optional<RecordingInfo> describe_layout(const format::DumpLayout& layout, std::string& problem) {
+    if (layout.problem != format::ScanProblem::kNone) {
         problem = layout.problemText;
         return std::nullopt;
     }
@@ -56,8 +56,8 @@ std::optional<RecordingInfo> describe_layout(const dump::DumpLayout& layout, std
     return info;
 }
 
-dump::File open_recording(const std::string& path, std::string& problem) {
-    dump::File file = dump::open_file(path, "rb");
+format::File open_recording(const std::string& path, std::string& problem) {
+    format::File file = format::open_file(path, "rb");
     if (!file) {
         char text[128];
         problem = std::string("the file cannot be opened (") + strerror_r(errno, text, sizeof text) + ")";
@@ -69,13 +69,13 @@ dump::File open_recording(const std::string& path, std::string& problem) {
 
 std::uint32_t RecordingInfo::frameTypes() const {
     switch (mode) {
-        case dump::DUMP_DEPTH:
+        case format::DUMP_DEPTH:
             return LumoraFrame::FRAME_DEPTH;
-        case dump::DUMP_DEPTH_AMPLITUDE:
+        case format::DUMP_DEPTH_AMPLITUDE:
             return LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_AMPLITUDE;
-        case dump::DUMP_POINTCLOUD:
+        case format::DUMP_POINTCLOUD:
             return LumoraFrame::FRAME_POINTCLOUD;
-        case dump::DUMP_INTENSITY_POINTCLOUD:
+        case format::DUMP_INTENSITY_POINTCLOUD:
             return LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
         default:
             return 0;
@@ -83,23 +83,23 @@ std::uint32_t RecordingInfo::frameTypes() const {
 }
 
 std::optional<RecordingInfo> describe_recording(std::FILE* file, std::string& problem) {
-    return describe_layout(dump::scan_dump(file), problem);
+    return describe_layout(format::scan_dump(file), problem);
 }
 
 std::optional<RecordingInfo> describe_recording(const std::string& path, std::string& problem) {
-    const dump::File file = open_recording(path, problem);
+    const format::File file = open_recording(path, problem);
     return file ? describe_recording(file.get(), problem) : std::nullopt;
 }
 
 std::shared_ptr<const Recording> Recording::read(std::FILE* file, std::string& problem) {
-    dump::DumpLayout layout = dump::scan_dump(file);
+    format::DumpLayout layout = format::scan_dump(file);
     const auto info = describe_layout(layout, problem);
     if (!info) return nullptr;
     std::shared_ptr<Recording> recording(new Recording);
     recording->mInfo = *info;
     recording->mLineBytes = info->embeddedLines ? static_cast<std::size_t>(info->width) : 0;
     recording->mBlockBytes = static_cast<std::size_t>(layout.blockBytes());
-    recording->mRecordBytes = static_cast<std::size_t>(layout.recordBytes - sizeof(dump::frame_header));
+    recording->mRecordBytes = static_cast<std::size_t>(layout.recordBytes - sizeof(format::frame_header));
     recording->mLoopInterval = loop_interval(layout.records);
     recording->mHeaders = std::move(layout.records);
     recording->mHeaders.shrink_to_fit();
@@ -107,11 +107,11 @@ std::shared_ptr<const Recording> Recording::read(std::FILE* file, std::string& p
     // The scan found every record whole, so this reads no more than the file holds.
     const std::size_t count = recording->mHeaders.size();
     const std::size_t bytes = count * recording->mRecordBytes;
-    if (std::fseek(file, static_cast<long>(dump::kHeadBytes), SEEK_SET) != 0) {
+    if (std::fseek(file, static_cast<long>(format::kHeadBytes), SEEK_SET) != 0) {
         problem = "the file cannot be read again after its check";
         return nullptr;
     }
-    dump::DumpReader reader(file);
+    format::DumpReader reader(file);
     if (reader.bytesLeft() < count * layout.recordBytes) {
         problem = "the file became shorter after its check";
         return nullptr;
@@ -119,7 +119,7 @@ std::shared_ptr<const Recording> Recording::read(std::FILE* file, std::string& p
     recording->mData.reset(new std::uint8_t[bytes]);
     for (std::size_t i = 0; i < count; ++i) {
         std::uint8_t* data = recording->mData.get() + i * recording->mRecordBytes;
-        dump::frame_header header{};
+        format::frame_header header{};
         if (!reader.read(header) ||
             reader.readBlock(data, recording->mRecordBytes, recording->mRecordBytes) != recording->mRecordBytes ||
             std::memcmp(&header, &recording->mHeaders[i], sizeof header) != 0) {
@@ -131,7 +131,7 @@ std::shared_ptr<const Recording> Recording::read(std::FILE* file, std::string& p
 }
 
 std::shared_ptr<const Recording> Recording::load(const std::string& path, std::string& problem) {
-    const dump::File file = open_recording(path, problem);
+    const format::File file = open_recording(path, problem);
     return file ? read(file.get(), problem) : nullptr;
 }
 
@@ -149,7 +149,7 @@ const std::uint8_t* Recording::blocks(std::size_t record) const {
 }
 
 std::size_t Recording::heldBytes() const {
-    return mHeaders.capacity() * sizeof(dump::frame_header) + mHeaders.size() * mRecordBytes;
+    return mHeaders.capacity() * sizeof(format::frame_header) + mHeaders.size() * mRecordBytes;
 }
 
 }  // namespace halden::sensor::sim

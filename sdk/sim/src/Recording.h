@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "DumpFormat.h"
+#include "format/DumpFormat.h"
 
 namespace halden::sensor::sim {
 
@@ -68,7 +68,7 @@ private:
     Recording() = default;
 
     RecordingInfo mInfo;
-    std::vector<lumora::dump::frame_header> mHeaders;
+    std::vector<lumora::format::frame_header> mHeaders;
     std::unique_ptr<std::uint8_t[]> mData;  // per record: the embedded line, then the blocks
     std::size_t mLineBytes = 0;
     std::size_t mBlockBytes = 0;

@@ -1,5 +1,5 @@
-// The value under a clicked picture point, read from the frame the picture was made from.
-// Pure function, any thread.
+// The value under a picture point, read from the frame the picture was made from, and the
+// text that shows it. Pure functions, any thread.
 #pragma once
 
 #include <cstdint>
@@ -9,35 +9,29 @@
 
 #include <halden/sensor/LumoraFrame.h>
 
-namespace lumora::web {
+namespace lumora::imaging {
 
-// The picture kinds, numbered as the display windows are keyed.
-enum View : int {
-    kFramerate = 0,
-    kDepth = 1,
-    kAmplitude = 2,
-    kPointCloud = 3,
-    kIntensityDepth = 4,
-    kIntensityAmplitude = 5
-};
+// "  x:320, y:240, d:2874": the column and row, then `letter` ('d' depth in mm, 'a'
+// amplitude or intensity, 'z' a point's depth in mm) and the value, as the windows' titles
+// and the web page write them.
+std::string readoutText(int column, int row, char letter, int value);
 
 struct Readout {
     int column = 0;
     int row = 0;
-    // "d" depth in mm, "a" amplitude, "z" in mm.
     char letter = 'd';
     int value = 0;
     std::uint64_t timestamp = 0;
-    // "  x:%d, y:%d, d:%d" as the windows' titles write it.
+    // readoutText() of the above.
     std::string text;
 };
 
 // The frame pixel under picture point (x, y) of a picture `pictureWidth` x `pictureHeight`
-// of `view` (the picture may be the frame scaled down), and its raw value: depth or
+// of `view` (View.h; the picture may be the frame scaled down), and its raw value: depth or
 // amplitude as stored (float samples rounded, within 0..65535), point-cloud z in mm (float
 // metres times 1000, truncated), intensity as stored. Nothing when the list has no frame
 // for the view, the point lies outside the picture or the picture size is not positive.
 std::optional<Readout> readValue(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, int view, int x, int y,
                                  int pictureWidth, int pictureHeight);
 
-}  // namespace lumora::web
+}  // namespace lumora::imaging

@@ -17,10 +17,10 @@
 
 #include <halden/sensor/Lumora.h>
 
-#include "FrameConversion.h"
-#include "FramerateChecker.h"
-#include "Publisher.h"
-#include "Queue.h"
+#include "imaging/FrameConversion.h"
+#include "imaging/Publisher.h"
+#include "pipeline/FramerateChecker.h"
+#include "pipeline/Queue.h"
 
 namespace lumora::display {
 
@@ -65,7 +65,7 @@ public:
 
     // Before the first run. While `publisher` wants pictures, the render thread converts every
     // list, with the windows or without, and publishes the pictures to it. Not owned.
-    void setPublisher(web::Publisher* publisher) { mPublisher.store(publisher); }
+    void setPublisher(imaging::Publisher* publisher) { mPublisher.store(publisher); }
 
 private:
     struct RenderWindow {
@@ -94,9 +94,9 @@ private:
     // Adds to `latencies` the milliseconds from the list's delivery to the GUI thread's
     // hand-over of its last image to the window system.
     void drawList(const Item& item, const imaging::Projection& projection, imaging::ConversionContext& conversion,
-                  web::Publisher* publisher, std::vector<double>& latencies);
+                  imaging::Publisher* publisher, std::vector<double>& latencies);
     // `drawnNext`: the images are drawn on afterwards, so the publisher gets copies.
-    void publish(const Item& item, const Converted& pictures, bool drawnNext, web::Publisher& publisher);
+    void publish(const Item& item, const Converted& pictures, bool drawnNext, imaging::Publisher& publisher);
     void readOutOnConsole(const std::shared_ptr<halden::sensor::LumoraFrameList>& list);
     std::string fpsText();
     cv::Size shownSize(const std::shared_ptr<halden::sensor::LumoraFrame>& frame) const;
@@ -116,7 +116,7 @@ private:
     // copy when it starts.
     std::mutex mProjectionMutex;
     std::unique_ptr<imaging::Projection> mProjection;
-    std::atomic<web::Publisher*> mPublisher{nullptr};
+    std::atomic<imaging::Publisher*> mPublisher{nullptr};
     // Lists delivered, drawn (or read out) and dropped at the queue since construction,
     // logged when the render thread ends, with the run's delivery-to-window times.
     std::atomic<std::uint64_t> mDelivered{0};

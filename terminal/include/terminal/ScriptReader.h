@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "History.h"
+#include "terminal/History.h"
 
 namespace lumora::terminal {
 

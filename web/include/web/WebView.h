@@ -11,16 +11,17 @@
 #include <string>
 #include <thread>
 
-#include "PictureEncoder.h"
-#include "Publisher.h"
-#include "Server.h"
+#include "imaging/Publisher.h"
 
 namespace lumora::web {
+
+class PictureEncoder;
+class Server;
 
 // Threads: the shell thread starts and stops the view; the render thread publishes; the
 // view's encoder thread encodes each snapshot once and hands it to the server's network
 // thread, which sends it.
-class WebView : public Publisher {
+class WebView : public imaging::Publisher {
 public:
     static constexpr unsigned short kDefaultPort = 8080;
     static constexpr const char* kDefaultBind = "127.0.0.1";
@@ -50,20 +51,20 @@ public:
 
     // True while someone watches.
     bool wanted() const override;
-    void publish(Snapshot snapshot) override;
+    void publish(imaging::Snapshot snapshot) override;
 
 private:
     void encodeLoop();
-    void encode(const Snapshot& snapshot, PictureEncoder& encoder);
+    void encode(const imaging::Snapshot& snapshot, PictureEncoder& encoder);
 
-    Server mServer;
+    const std::unique_ptr<Server> mServer;
     std::string mBind = kDefaultBind;
     unsigned short mPort = kDefaultPort;
     std::string mUrl;
     std::mutex mMutex;
     std::condition_variable mWake;
     bool mStopping = false;
-    std::optional<Snapshot> mPending;
+    std::optional<imaging::Snapshot> mPending;
     std::thread mEncoder;
     std::uint32_t mSequence = 0;
     std::chrono::steady_clock::time_point mLastCloud;

@@ -1,4 +1,5 @@
-// What the live display hands to the web view after converting a frame list.
+// What the live display hands to a watcher of its pictures (the web view) after converting a
+// frame list. The display depends only on this interface, never on what implements it.
 #pragma once
 
 #include <chrono>
@@ -11,9 +12,9 @@
 
 #include <halden/sensor/LumoraFrame.h>
 
-namespace lumora::web {
+namespace lumora::imaging {
 
-// One converted picture: `view` numbered as the display windows are keyed (see Readout.h),
+// One converted picture: `view` numbered as the display windows are keyed (View.h),
 // the 8-bit image (3 channels B, G, R or 1 gray channel) without read-out marker.
 struct Picture {
     int view = 0;
@@ -51,4 +52,4 @@ public:
     virtual void publish(Snapshot snapshot) = 0;
 };
 
-}  // namespace lumora::web
+}  // namespace lumora::imaging

@@ -15,7 +15,7 @@
 #include <optional>
 #include <string>
 
-namespace lumora::dump {
+namespace lumora::format {
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the records are written as they lie in memory");
 
@@ -122,4 +122,4 @@ private:
     std::uint64_t mEnd = 0;
 };
 
-}  // namespace lumora::dump
+}  // namespace lumora::format

@@ -7,9 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "DumpFormat.h"
+#include "format/DumpFormat.h"
+#include "format/DumpHead.h"
 
-namespace lumora::dump {
+namespace lumora::format {
 
 // What stops a scan. The first problem found ends it; the records before it are whole.
 enum class ScanProblem {
@@ -21,10 +22,8 @@ enum class ScanProblem {
     kTruncatedRecord,  // the file ends inside a record
 };
 
-struct DumpLayout {
-    dump_header header{};
-    source_descriptor source{};
-    camera_descriptor camera{};
+// The head, and the records found after it.
+struct DumpLayout : DumpHead {
     // The frame headers of the whole records, in file order. Every one has the first's width,
     // height and element size, so record i starts at kHeadBytes + i * recordBytes.
     std::vector<frame_header> records;
@@ -41,11 +40,6 @@ struct DumpLayout {
     std::uint64_t dataOffset(std::size_t i) const;
     // Bytes of one data block: width x height x element size.
     std::uint64_t blockBytes() const;
-    // The strings of the descriptors, cut at their first NUL.
-    std::string sourceType() const;
-    std::string serialNumber() const;
-    std::string cameraName() const;
-    std::string sdkVersion() const;
 };
 
 // Scans `file` (not owned, not closed) from its start to its end, reading the head and every
@@ -54,4 +48,4 @@ struct DumpLayout {
 // position of `file` afterwards is unspecified. Runs on the caller's thread.
 DumpLayout scan_dump(std::FILE* file);
 
-}  // namespace lumora::dump
+}  // namespace lumora::format

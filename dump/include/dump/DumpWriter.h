@@ -9,7 +9,7 @@
 
 #include <halden/sensor/LumoraResult.h>
 
-#include "DumpFormat.h"
+#include "format/DumpFormat.h"
 
 namespace lumora::dump {
 
@@ -32,10 +32,10 @@ public:
 
     // Each returns RESULT_SUCCESS when every byte reached the file, else RESULT_FAIL with
     // the system's errno in lastError(); the file is then left as far as it got.
-    halden::sensor::Result writeHead(const dump_header& header, const source_descriptor& source,
-                                     const camera_descriptor& camera);
+    halden::sensor::Result writeHead(const format::dump_header& header, const format::source_descriptor& source,
+                                     const format::camera_descriptor& camera);
     // The header, then the embedded line (when not empty), then the blocks in order.
-    halden::sensor::Result writeRecord(const frame_header& header, Bytes embeddedLine,
+    halden::sensor::Result writeRecord(const format::frame_header& header, Bytes embeddedLine,
                                        const std::vector<Bytes>& blocks);
 
     int lastError() const { return mError; }

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "History.h"
+#include "terminal/History.h"
 
 namespace lumora::terminal {
 

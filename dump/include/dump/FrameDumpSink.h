@@ -12,9 +12,8 @@
 
 #include <halden/sensor/Lumora.h>
 
-#include "DumpListing.h"
-#include "DumpWriter.h"
-#include "Queue.h"
+#include "dump/DumpWriter.h"
+#include "pipeline/Queue.h"
 
 namespace lumora::dump {
 
@@ -52,9 +51,11 @@ public:
     // writer's end logs, at information level, what became of the lists the dump took.
     void stopDump();
 
-    // The shell's way to the inspector: inspectDumpFile of DumpListing.h, which uses none of
-    // the sink's state.
-    static void inspectDumpFile(const std::string& path) { dump::inspectDumpFile(path); }
+    // The inspector, which uses none of the sink's state: prints what the dump file at `path`
+    // holds (its header, both descriptors and as many frame headers as the header announces)
+    // to standard output. An empty path prints nothing; a file that cannot be opened is
+    // logged at error level. Runs on the caller's thread (the shell's).
+    static void inspectDumpFile(const std::string& path);
 
 private:
     enum class WriterEnd { kIdle, kGaveUp, kWriteFailed };

@@ -1,18 +1,16 @@
-#include "Readout.h"
+#include "imaging/Readout.h"
 
 #include <cmath>
 #include <cstdio>
 
-namespace lumora::web {
+#include "ConversionKernels.h"
+#include "imaging/View.h"
+
+namespace lumora::imaging {
 
 namespace hs = halden::sensor;
 
 namespace {
-
-int sample(float value) {
-    if (!(value > 0.0F)) return 0;
-    return value >= 65535.0F ? 65535 : static_cast<int>(std::lround(value));
-}
 
 // Plane `plane` of the frame at element `index`, as the view reads it.
 std::optional<int> valueAt(const std::shared_ptr<hs::LumoraFrame>& frame, int plane, std::size_t index, bool metres) {
@@ -23,12 +21,18 @@ std::optional<int> valueAt(const std::shared_ptr<hs::LumoraFrame>& frame, int pl
     if (frame->dataType() == hs::DATA_TYPE_FLOAT32) {
         const float value = static_cast<const float*>(frame->data())[plane * frame->elementCount() + index];
         if (metres) return std::isfinite(value) ? static_cast<int>(value * 1000.0F) : 0;
-        return sample(value);
+        return toSample(value);
     }
     return std::nullopt;
 }
 
 }  // namespace
+
+std::string readoutText(int column, int row, char letter, int value) {
+    char text[96];
+    std::snprintf(text, sizeof text, "  x:%d, y:%d, %c:%d", column, row, letter, value);
+    return text;
+}
 
 std::optional<Readout> readValue(const std::shared_ptr<hs::LumoraFrameList>& list, int view, int x, int y,
                                  int pictureWidth, int pictureHeight) {
@@ -73,10 +77,8 @@ std::optional<Readout> readValue(const std::shared_ptr<hs::LumoraFrameList>& lis
     readout.letter = letter;
     readout.value = *value;
     readout.timestamp = frame->timestamp();
-    char text[96];
-    std::snprintf(text, sizeof text, "  x:%d, y:%d, %c:%d", readout.column, readout.row, letter, readout.value);
-    readout.text = text;
+    readout.text = readoutText(readout.column, readout.row, letter, readout.value);
     return readout;
 }
 
-}  // namespace lumora::web
+}  // namespace lumora::imaging

@@ -13,7 +13,7 @@
 #include <halden/sensor/LumoraCalibration.h>
 #include <halden/sensor/LumoraFrame.h>
 
-#include "HelperThread.h"
+#include "imaging/HelperThread.h"
 
 namespace lumora::imaging {
 

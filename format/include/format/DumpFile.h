@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-namespace lumora::dump {
+namespace lumora::format {
 
 struct FileCloser {
     void operator()(std::FILE* file) const { std::fclose(file); }
@@ -25,4 +25,4 @@ std::string format_line(const char* pattern, Args... args) {
     return line;
 }
 
-}  // namespace lumora::dump
+}  // namespace lumora::format
