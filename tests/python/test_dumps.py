@@ -38,7 +38,7 @@ def shell_dumps(directory):
         send(line)
     wait_for("source(sim:0) state = 3")
     for mode in range(4):
-        time.sleep(1 - time.time() % 1)  # a file name of its own: they differ in the second
+        time.sleep(1.1 - time.time() % 1)  # a file name of its own: named to the second, by a coarser clock
         send(f"set frame_dump {mode} 5")
         wait_for("Frame dump finished!", mode + 1)
     send("quit")
