@@ -377,7 +377,8 @@ void bind_camera(py::module_& module) {
                 const FrameStream::Cost cost = c.stream()->cost();
                 return py::make_tuple(cost.lists, static_cast<double>(cost.nanoseconds) * 1e-9);
             },
-            "The lists the sink copied on the delivery thread, and the seconds it spent on them (for make bench).")
+            "The lists the sink copied on the delivery thread, and the processor seconds it spent on them (for make "
+            "bench).")
         .def("__repr__", [](const Camera& c) {
             return "Camera(name='" + c.source().name() + "', serial='" + c.source().serialNumber() + "', uri='" +
                    c.source().uri() + "', state=" + py::str(py::cast(c.state())).cast<std::string>() + ")";

@@ -54,7 +54,8 @@ private:
 // room, and dropped (counted at the channel) when none comes.
 class FrameStream final : public hs::LumoraSink {
 public:
-    // The delivery thread's cost: lists taken and the time spent on them in onLumoraFrameList.
+    // The delivery thread's cost: lists copied, and the processor time it spent on them in
+    // onLumoraFrameList (taken with the clock of the calling thread).
     struct Cost {
         std::uint64_t lists = 0;
         std::uint64_t nanoseconds = 0;
