@@ -368,9 +368,10 @@ void bind_camera(py::module_& module) {
                 return std::make_unique<FrameIterator>(c, count, timeout, queue);
             },
             py::arg("count") = py::none(), py::arg("timeout") = 2.0, py::arg("queue") = 4, py::keep_alive<0, 1>(),
-            "Iterates over the lists the running camera delivers from now on: `count` of them, or until stop() or "
-            "close(). Waiting longer than `timeout` seconds (None: no limit) for one raises TimeoutError; while "
-            "`queue` lists wait for Python, newer ones are dropped and counted in FrameList.dropped.")
+            "Iterates over the lists the running camera delivers from now on: `count` of them, or until stop(), "
+            "close() or the next frames(). Waiting longer than `timeout` seconds (None: no limit) for one raises "
+            "TimeoutError; while `queue` lists wait for Python, newer ones are dropped and counted in "
+            "FrameList.dropped.")
         .def_property_readonly(
             "_sink_cost",
             [](const Camera& c) {
