@@ -1,12 +1,12 @@
 // Design note: one network thread runs an Asio io_context and owns every connection, the
-// set of watchers and their held-back messages (Watcher.cpp); nothing else touches them. The encoder
-// thread produces a Broadcast per frame list and posts it here; each watcher keeps, per
-// slot, only the newest message not yet written, and writes one message at a time, so a
-// slow watcher holds at most one message per slot and never delays the others. Page
-// messages (clicks, cloud on/off, decode reports) are read and answered on this thread.
-// Shutdown: stop() posts a task that marks the state stopping and closes the listening
-// socket and every connection; each handler then ends without starting new work, run()
-// returns once none is left, and the shell thread joins the network thread.
+// set of watchers and their held-back messages (Watcher.cpp); nothing else touches them.
+// The encoder thread produces a Broadcast per frame list and posts it here; each watcher
+// keeps, per slot, only the newest message not yet written, and writes one message at a
+// time, so a slow watcher holds at most one message per slot and never delays the others.
+// Page messages (clicks, cloud on/off, decode reports) are read and answered on this
+// thread. Shutdown: stop() posts a task that marks the state stopping and closes the
+// listening socket and every connection; each handler then ends without starting new work,
+// run() returns once none is left, and the shell thread joins the network thread.
 #include "Server.h"
 
 #include <optional>
