@@ -1,5 +1,7 @@
 # make run   - set up, build and start the shell
-# make test  - set up, build and run the whole suite: the normal build, AddressSanitizer +
+# make lint  - clang-format (check only), clang-tidy and pyflakes over the tree's own sources;
+#              fails on any finding (scripts/lint)
+# make test  - set up, lint, build and run the whole suite: the normal build, AddressSanitizer +
 #              UndefinedBehaviorSanitizer (with the fuzz targets), ThreadSanitizer, and the
 #              arm64 build under qemu's user-mode emulation; then the packages, made and tried
 # make package - set up, build and make the Debian packages for amd64 and arm64 (.deb files
@@ -17,7 +19,7 @@
 
 BUILD := build
 
-.PHONY: all setup build run test bench soak package clean
+.PHONY: all setup build run lint test bench soak package clean
 all: build
 
 setup:
@@ -29,6 +31,9 @@ build: setup
 
 run: build
 	@$(BUILD)/shell/lumora-shell
+
+lint: setup
+	@bash scripts/lint $(BUILD)
 
 test: setup
 	@bash scripts/test

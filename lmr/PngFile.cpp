@@ -33,7 +33,6 @@ private:
 // libpng reports errors by a long jump back here, so nothing with a destructor lives in
 // this function.
 bool encode(std::FILE* file, const cv::Mat& image, png_structp png, png_infop info) {
-    // NOLINTNEXTLINE(cert-err52-cpp): libpng's only way to report an error
     if (setjmp(png_jmpbuf(png)) != 0) return false;
     const bool colour = image.channels() == 3;
     const bool wide = image.depth() == CV_16U;

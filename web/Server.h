@@ -80,7 +80,7 @@ public:
         std::atomic<int> png{0};
         std::atomic<int> cloud{0};
     };
-    struct State;
+    struct State;  // what the network thread owns while serving (ServerState.h)
 
 private:
     Counters mCounters;

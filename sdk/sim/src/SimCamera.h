@@ -1,4 +1,5 @@
-// A camera opened on a virtual device.
+// A camera opened on a virtual device. Its member functions are defined in SimCamera.cpp,
+// Delivery.cpp (the delivery thread) and FaultInjection.cpp (what tests inject).
 #pragma once
 
 #include <atomic>
@@ -90,6 +91,7 @@ public:
     Result injectFault(const Fault& fault);
 
 private:
+    // SimCamera.cpp: the life cycle, the settings and the sinks.
     Result usable() const;  // mMutex held
     bool onDeliveryThread() const { return std::this_thread::get_id() == mDeliveryId.load(); }
     std::vector<LumoraSink*> sinks() const;
@@ -106,14 +108,27 @@ private:
     template <typename At>
     Result changeSettings(std::size_t count, const At& at);
     CameraFacts facts() const;  // mMutex held
+
+    // Delivery.cpp: the delivery thread.
+    // With mControl held, mMutex not: starts the thread of a camera just made running.
+    void startDelivery();
+    // With mControl held, mMutex not: stops the thread and joins it.
+    void endDelivery();
     void deliver();
     // Hands a list (an injected one first, else `own` with any pending fault) to every sink;
     // mMutex held on entry and on return, not during the calls.
     void handOver(std::shared_ptr<SimFrameList> own, std::unique_lock<std::mutex>& lock);
-    // `list`, or a list made from it by the first pending list fault. mMutex held.
-    std::shared_ptr<LumoraFrameList> withFault(const std::shared_ptr<SimFrameList>& list);
     std::shared_ptr<SimFrameList> acquireList(std::uint32_t mask, const SceneSettings& settings);
     std::uint64_t microsecondsSinceOpen(std::chrono::steady_clock::time_point when) const;
+
+    // FaultInjection.cpp: what tests inject, as the delivery thread applies it.
+    // `list`, or a list made from it by the first pending list fault. mMutex held.
+    std::shared_ptr<LumoraFrameList> withFault(const std::shared_ptr<SimFrameList>& list);
+    // Holds delivery back for a stall injected since the last list: mMutex held on entry and
+    // on return, not while waiting. True when delivery was stopped meanwhile.
+    bool waitOutStall(std::unique_lock<std::mutex>& lock);
+    // Drops the list faults and the stall still pending. mMutex held.
+    void forgetFaults();
 
     const std::shared_ptr<SimSource> mSource;
     const ModelInfo mModel;

@@ -1,0 +1,78 @@
+#include "ListConversion.h"
+
+#include "imaging/View.h"
+
+namespace lumora::display {
+
+namespace hs = halden::sensor;
+using imaging::Projection;
+using imaging::WindowImage;
+
+namespace {
+
+cv::Size shownSize(const std::shared_ptr<hs::LumoraFrame>& frame, cv::Size resolution) {
+    return imaging::displaySize({frame->width(), frame->height()}, resolution.width, resolution.height);
+}
+
+}  // namespace
+
+Pictures convertList(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection,
+                     imaging::ConversionContext& conversion, cv::Size resolution,
+                     const std::function<cv::Point(int view)>& readoutPoint) {
+    Pictures converted;
+    const auto depth = hs::find_frame(list, hs::LumoraFrame::FRAME_DEPTH);
+    const auto amplitude = hs::find_frame(list, hs::LumoraFrame::FRAME_AMPLITUDE);
+    if (depth || amplitude) {
+        WindowImage depthImage;
+        WindowImage amplitudeImage;
+        imaging::convertDepthAmplitude(conversion, depth, amplitude, shownSize(depth ? depth : amplitude, resolution),
+                                       readoutPoint(imaging::kDepth), readoutPoint(imaging::kAmplitude), depthImage,
+                                       amplitudeImage);
+        converted.emplace_back(imaging::kDepth, std::move(depthImage));
+        converted.emplace_back(imaging::kAmplitude, std::move(amplitudeImage));
+    }
+    for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
+        const auto frame = hs::find_frame(list, type);
+        if (!frame) continue;
+        const bool intensity = type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
+        const int depthView = intensity ? imaging::kIntensityDepth : imaging::kPointCloud;
+        const Projection lens =
+            projection.intrinsics.fx > 0.0 ? projection : imaging::defaultProjection({frame->width(), frame->height()});
+        Projection sized = lens;
+        if (sized.size.width <= 0 || sized.size.height <= 0) sized.size = {frame->width(), frame->height()};
+        WindowImage depthImage;
+        WindowImage intensityImage;
+        imaging::convertPointCloud(conversion, frame, sized, shownSize(frame, resolution), readoutPoint(depthView),
+                                   readoutPoint(imaging::kIntensityAmplitude), depthImage,
+                                   intensity ? &intensityImage : nullptr);
+        converted.emplace_back(depthView, std::move(depthImage));
+        if (intensity) converted.emplace_back(imaging::kIntensityAmplitude, std::move(intensityImage));
+    }
+    return converted;
+}
+
+void publish(const DeliveredList& item, const Pictures& pictures, bool drawnNext, imaging::Status status,
+             imaging::Publisher& publisher) {
+    imaging::Snapshot snapshot;
+    snapshot.status = std::move(status);
+    // Images that get their markers drawn next go to the web view as copies.
+    for (const auto& [view, picture] : pictures)
+        if (!picture.image.empty())
+            snapshot.pictures.push_back({view, drawnNext ? picture.image.clone() : picture.image});
+    snapshot.list = item.list;
+    snapshot.delivered = item.delivered;
+    if (item.source != nullptr) {
+        snapshot.status.camera = item.source->name();
+        snapshot.status.serial = item.source->serialNumber();
+    }
+    for (std::size_t i = 0; i < item.list->size(); ++i) {
+        const auto frame = item.list->at(i);
+        if (!frame) continue;
+        snapshot.status.mask |= frame->frameType();
+        snapshot.status.width = frame->width();
+        snapshot.status.height = frame->height();
+    }
+    publisher.publish(std::move(snapshot));
+}
+
+}  // namespace lumora::display
