@@ -2,7 +2,6 @@
 codes, keeping lists, two cameras at once, a stalled camera and Ctrl-C during a wait."""
 
 import ast
-import os
 import signal
 import subprocess
 import sys
