@@ -9,9 +9,9 @@
 # make bench - set up, build and run the benchmarks, the live display end to end under
 #              Xvfb, the web view end to end with a headless browser, the cost at four
 #              picture sizes with its plot and the Python module's figures, then print one
-#              table of every figure beside its baseline and bound: about eleven minutes
-#              once built (9.5 to 10.5 measured before the Python part's minute and a half). Only
-#              figures go to the terminal; the sinks' trace lines and the shells' output go
+#              table of every figure beside its baseline and bound: about twelve minutes
+#              once built (the Python part a minute and a half of them). Only figures go to
+#              the terminal; the sinks' trace lines and the shells' output go
 #              to $(BUILD)/bench.log.
 # make soak  - set up, build and run the soak: the shell streaming, dumping, re-plugged and
 #              stopped and started for SOAK_MINUTES (10 by default), with its figures each
