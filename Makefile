@@ -7,10 +7,11 @@
 # make package - set up, build and make the Debian packages for amd64 and arm64 (.deb files
 #              in build/packages and build-arm64/packages), checked by lintian
 # make bench - set up, build and run the benchmarks, the live display end to end under
-#              Xvfb, the web view end to end with a headless browser and the cost at four
-#              picture sizes with its plot, then print one table of every figure beside its
-#              baseline and bound: about ten minutes once built (9.5 to 10.5 measured). Only
-#              figures go to the terminal; the sinks' trace lines and the shells' output go
+#              Xvfb, the web view end to end with a headless browser, the cost at four
+#              picture sizes with its plot and the Python module's figures, then print one
+#              table of every figure beside its baseline and bound: about twelve minutes
+#              once built (the Python part a minute and a half of them). Only figures go to
+#              the terminal; the sinks' trace lines and the shells' output go
 #              to $(BUILD)/bench.log.
 # make soak  - set up, build and run the soak: the shell streaming, dumping, re-plugged and
 #              stopped and started for SOAK_MINUTES (10 by default), with its figures each
@@ -50,6 +51,7 @@ bench: build
 	@bash bench/display_e2e.sh $(BUILD) 60 $(RESULTS)
 	@/usr/bin/python3 bench/web_e2e.py $(BUILD) 20 $(RESULTS)
 	@/usr/bin/python3 bench/scaling.py $(BUILD) $(RESULTS) $(BUILD)/scaling.png
+	@/usr/bin/python3 bench/python_bench.py $(BUILD) 60 $(RESULTS)
 	@/usr/bin/python3 bench/table.py $(RESULTS)
 
 soak: build

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # A packaged shell in a scripted session: search, select, run, a dump of five depth +
-# amplitude lists, stop, quit; then the package's lmr reads the dump.
-# Usage: session.sh path/to/lumora-shell path/to/lmr
+# amplitude lists, stop, quit; then the package's lmr reads the dump, and so does the
+# packaged Python module when an interpreter is given (which finds the module itself).
+# Usage: session.sh path/to/lumora-shell path/to/lmr [path/to/python3]
 source "$(dirname "$0")/../e2e/lib.sh" "$1"
-LMR=$(realpath "${2:?usage: $0 path/to/lumora-shell path/to/lmr}")
+LMR=$(realpath "${2:?usage: $0 path/to/lumora-shell path/to/lmr [path/to/python3]}")
+PYTHON=${3:-}
 
 out="$WORKDIR/session.out"
 fifo="$WORKDIR/session.in"
@@ -47,4 +49,9 @@ for line in "dump_frame_count +5" "dump_frame_type +1 \(Depth \+ Amplitude\)" "r
   "frame +160 x 120, 2 bytes per element, .*"; do
   grep -Eq "^ *$line\$" "$WORKDIR/info" || report "lmr info: no \"$line\": $(cat "$WORKDIR/info")"
 done
+if [ -n "$PYTHON" ]; then
+  LUMORA_SIM_DEVICES=QRX100A:160x120 "$PYTHON" "$(dirname "$0")/lumora_session.py" "$dump" >"$WORKDIR/python" 2>&1 ||
+    report "the Python module: $(cat "$WORKDIR/python")"
+  cat "$WORKDIR/python"
+fi
 echo "session: passed"
