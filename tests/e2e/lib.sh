@@ -1,12 +1,21 @@
 # Helpers for end-to-end tests: the shell runs in a real terminal (a tmux pane, on a
 # server of the test's own), keys are typed with send-keys and the screen is read with
-# capture-pane. Every wait is bounded. The shell gets a display of its own (an Xvfb server
-# started with the first shell) unless NO_DISPLAY=1.
+# capture-pane; or as a scripted session fed through a pipe (start_piped). Every wait is
+# bounded. The shell gets a display of its own (an Xvfb server started with the first
+# shell) unless NO_DISPLAY=1.
 set -euo pipefail
 
 SHELL_BIN=$(realpath "${1:?usage: $0 path/to/lumora-shell}")
+LMR_BIN=$(dirname "$SHELL_BIN")/../lmr/lmr
 SOCKET=""
 WORKDIR=$(mktemp -d)
+OUT="$WORKDIR/out"
+SHELL_PID=""
+# Dump files: the head's bytes, and a record's of a 160 x 120 camera with its 160-byte
+# embedded line by mode (a 15-byte header, the line, then 1, 2, 6 or 8 bytes a pixel).
+DUMP_HEAD=69
+RECORD=()
+for bytes in 2 4 12 16; do RECORD+=($((15 + 160 + 160 * 120 * bytes))); done
 SHELLS=0
 echo "set-option -g remain-on-exit on" >"$WORKDIR/tmux.conf"
 unset LUMORA_SIM_DEVICES DISPLAY
@@ -41,9 +50,9 @@ cleanup() {
 trap cleanup EXIT
 
 # Runs the command $2... every 50 ms (RETRY_PAUSE seconds when set) until it succeeds, for
-# at most 10 seconds; then fails with the message $1.
+# at most 10 seconds (RETRY_SECONDS when set); then fails with the message $1.
 retry() {
-  local message=$1 deadline=$((SECONDS + 10))
+  local message=$1 deadline=$((SECONDS + ${RETRY_SECONDS:-10}))
   shift
   until "$@"; do
     ((SECONDS < deadline)) || fail "$message"
@@ -51,10 +60,16 @@ retry() {
   done
 }
 
+# Fails with the message $*, the screen of the terminal or the end of the scripted session.
 fail() {
   echo "FAIL: $*" >&2
-  echo "--- screen:" >&2
-  raw_screen >&2 || true
+  if [ -n "$SOCKET" ]; then
+    echo "--- screen:" >&2
+    raw_screen >&2 || true
+  elif [ -s "$OUT" ]; then
+    echo "--- the session's last lines:" >&2
+    tr -d '\r' <"$OUT" | tail -40 >&2
+  fi
   exit 1
 }
 
@@ -242,14 +257,20 @@ select_camera() {
   type_line ""
 }
 
-# Starts the shell with one QRX100A, selects it and runs it.
-start_streaming() {
-  start_shell "QRX100A"
+# Opens the only or first camera of the devices $1 in a new shell; the prompt is then P.
+open_camera() {
+  start_shell "$1"
   wait_for "LumoraShell>"
   type_line "search"
   select_camera 0
-  wait_for_line "QRX100A:"
-  expect_after "QRX100A:" "run" "-> result : success"
+  P="${1%%[:,@]*}:"
+  wait_for_line "$P"
+}
+
+# Starts the shell with one QRX100A, selects it and runs it.
+start_streaming() {
+  open_camera QRX100A
+  expect_after "$P" "run" "-> result : success"
 }
 
 # Runs xdotool on the test's X server.
@@ -260,3 +281,57 @@ has_window() { xdo search --onlyvisible --name "$1" >/dev/null 2>&1; }
 no_window() { ! has_window "$1"; }
 wait_window() { retry "no window named like \"$1\"" has_window "$1"; }
 wait_no_window() { retry "a window named like \"$1\" is still there" no_window "$1"; }
+
+# The newest dump file of the simulated QRX100A, if any.
+dump_file() { compgen -G "$WORKDIR/QRX100A_*_framedump_*.lmr" | tail -1; }
+# Whole records of mode $1 in the dump file $2; whole_records: at least one, none cut short.
+records_of() { echo $((($(stat -c %s "$2") - DUMP_HEAD) / RECORD[$1])); }
+whole_records() { (($(stat -c %s "$2") > DUMP_HEAD && ($(stat -c %s "$2") - DUMP_HEAD) % RECORD[$1] == 0)); }
+
+# --- The shell as a scripted session: lines go in with say, its output (both streams)
+# collects in $OUT.
+
+# Starts the shell on the devices $1, with the test's X server when $2 is 1, else with no
+# display at all. Any further words run first, in the shell's process: "ulimit -f 100" is
+# a full disk, where SIGXFSZ is ignored so that the write fails instead.
+start_piped() {
+  local environment=(env -u DISPLAY "LUMORA_SIM_DEVICES=$1")
+  if [ "$2" = 1 ]; then
+    start_display
+    mkdir -p -m 700 "$WORKDIR/runtime"
+    environment+=("DISPLAY=$XDISPLAY" "XDG_RUNTIME_DIR=$WORKDIR/runtime" QT_XCB_GL_INTEGRATION=none)
+  fi
+  shift 2
+  rm -f "$WORKDIR/in" "$OUT"
+  mkfifo "$WORKDIR/in"
+  (cd "$WORKDIR" && "${@:-:}" && trap "" XFSZ && exec "${environment[@]}" "$SHELL_BIN" <"$WORKDIR/in" >"$OUT" 2>&1) &
+  SHELL_PID=$!
+  exec 8>"$WORKDIR/in"
+}
+
+say() { printf '%s\n' "$@" >&8; }
+
+# Ends the script; the shell must end within 20 s with status 0.
+end_piped() {
+  exec 8>&-
+  local deadline=$((SECONDS + 20))
+  while kill -0 "$SHELL_PID" 2>/dev/null; do
+    ((SECONDS < deadline)) || fail "the shell did not end with its script"
+    sleep 0.1
+  done
+  wait "$SHELL_PID" || fail "the shell ended with status $?"
+}
+
+# Lines of the output holding the text $1.
+out_count() { grep -acF -- "$1" "$OUT" 2>/dev/null || true; }
+out_has() { grep -qaF -- "$1" "$OUT" 2>/dev/null; }
+out_at_least() { (($(out_count "$1") >= $2)); }
+# Waits for $2 lines of the output to hold $1.
+wait_out() { retry "fewer than $2 lines \"$1\"" out_at_least "$1" "$2"; }
+# Sends the line $1 and waits for one more line holding $2.
+expect_out() {
+  local before
+  before=$(out_count "$2")
+  say "$1"
+  wait_out "$2" $((before + 1))
+}
