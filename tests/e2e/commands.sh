@@ -1,18 +1,30 @@
 #!/usr/bin/env bash
-# The interpreter's answers: commands that need a camera, unknown words, the forms of
-# "select", "search" while selected, the run argument kept between runs, and "help" to the
-# byte.
+# The interpreter in a real terminal: the shell starting and quitting with the default
+# devices, none and no transport at all; commands that need a camera, unknown words, the
+# forms of "select", "search" while selected, the run argument kept between runs,
+# properties, "help" to the byte, "history", and the run/stop stress test refused, running
+# and ended by "quit" while frames flow.
 source "$(dirname "$0")/lib.sh"
 
 P="LumoraShell>"
-start_shell "QRX100A,QRX200AP"
+for devices in default "" none; do
+  if [ "$devices" = default ]; then start_shell; else start_shell "$devices"; fi
+  wait_for "$P"
+  expect_after "$P" "frobnicate" "-> result : not supported"
+  type_line "quit"
+  [ "$(wait_exit 10)" = 0 ] || fail "exit status at quit with the devices \"$devices\""
+done
+
+# A small frame keeps the camera's rendering light, so that typing keeps pace with the
+# stress test's cycle also under ThreadSanitizer.
+start_shell "QRX100A:160x120,QRX200AP"
 wait_for "$P"
 
 # Without a camera.
 for command in run "run 2" stop deselect _run_stop_test "getpl fw_info" "get lenses" "get fov"; do
   expect_after "$P" "$command" "-> result : not supported"
 done
-for command in frobnicate Help quitnow " search"; do
+for command in Help quitnow " search"; do
   expect_after "$P" "$command" "-> result : not supported"
 done
 # An empty line runs nothing and prints nothing: the next line is the prompt again.
@@ -26,6 +38,7 @@ expect_after "$P" "select one" "-> result : invalid parameter"
 expect_after "$P" "select 1.5" "-> result : invalid parameter"
 expect_after "$P" "select 0" "-> result : no such device"
 type_line "search"
+wait_for_line "0) source name : QRX100A, serialNumber : LM0536240000, uri : sim:0"
 wait_for_line "1) source name : QRX200AP, serialNumber : LM2F3C650001, uri : sim:1"
 expect_after "$P" "select 5" "-> result : fail"
 expect_after "$P" "select -1" "-> result : fail"
@@ -93,9 +106,25 @@ wait_for_bytes $'H\r\n\r'"${help//$'\n'/$'\r\n'}"$'\rLumoraShell> '
 # "history" lists every line entered, numbered from 1.
 type_line "history"
 wait_for_line "1 run"
-wait_for_line "52 history"
+wait_for_line "51 history"
 
+# The stress test: refused while stopped, and while one runs. A cycle is half a second
+# stopped, then three seconds running; the test's stop and run are traced by the display
+# sink after the prompt: an empty line gives a fresh one.
+select_camera 0
+P="QRX100A:"
+expect_after "$P" "_run_stop_test" "-> result : not supported"
+expect_after "$P" "run" "-> result : success"
+expect_after "$P" "_run_stop_test" "-> result : success"
+sleep 1.2
+type_line ""
+expect_after "$P" "_run_stop_test" "-> result : already running"
+# "quit" ends the stress test, stops and closes the camera, and the process ends.
+cycle_counts() { screen | grep -cE '^run_stop test count = [12]$' || true; }
+more_cycle_counts() { [ "$(cycle_counts)" -gt "$1" ]; }
+counts=$(cycle_counts)
 type_line "quit"
+retry "no cycle count after \"quit\"" more_cycle_counts "$counts"
 status=$(wait_exit 10)
 [ "$status" = 0 ] || fail "exit status $status"
 check_terminal_restored
