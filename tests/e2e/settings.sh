@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The shell's settings through "set" and "get", from a pipe: each with a good value, a
 # wrong word and a number where a word is expected; the display ranges a select sets for
-# each model family. (A frame-rate band the camera misses, counted, is the soak's.)
+# each model family, which a deselect leaves. (A frame-rate band the camera misses, counted, is the soak's.)
 source "$(dirname "$0")/lib.sh"
 
 session() {
@@ -50,7 +50,8 @@ script "LumoraShell>" \
   "select 1|selected device(QRX200AP:LM2F3C650001)" \
   "get scale_rgb_max|-> result : scale_rgb_max 4000.000000" "get scale_rgb_min|-> result : scale_rgb_min 0.000000" \
   "get scale_gray_max|-> result : scale_gray_max 1400.000000" "get scale_gray_min|-> result : scale_gray_min 0.000000" \
-  "deselect|$ok" "select 0|selected device(QRX100A:LM0536240000)" \
+  "deselect|$ok" "get scale_rgb_max|-> result : scale_rgb_max 4000.000000" \
+  "select 0|selected device(QRX100A:LM0536240000)" \
   "get scale_rgb_max|-> result : scale_rgb_max 7000.000000" "get scale_gray_max|-> result : scale_gray_max 230.000000" \
   "deselect|$ok" "select 2|selected device(ZZ9:LMEC47E40002)" \
   "get scale_rgb_max|-> result : scale_rgb_max 3000.000000" "get scale_gray_max|-> result : scale_gray_max 200.000000"
