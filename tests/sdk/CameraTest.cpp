@@ -260,7 +260,8 @@ TEST_F(CameraTest, StateCallbacksMayWaitOnAndOperateTheCameraEvenWhileItIsDestro
 }
 
 // --- The lists delivered: the scene's rendering of each type, properties changed while
-// running, lists held by sinks, the published calibration, lists and errors injected.
+// running, their stamps, lists held by sinks, the published calibration, lists and errors
+// injected.
 
 TEST_F(CameraTest, ListsHoldTheScenesRenderingOfEachRequestedTypeOnce) {
     RecordingSink sink(100);
@@ -371,6 +372,42 @@ TEST_F(CameraTest, DataTypesAndEmbeddedLineFollowPropertiesWhileRunning) {
     for (std::size_t i = lineOffAt; i < kept.size(); ++i) {
         EXPECT_FALSE(hasLine(i)) << i;
     }
+}
+
+// The sensor stamps each list at its own deadline: timestamps follow frame numbers at the period.
+void expect_sensor_clock(const std::vector<Arrival>& arrivals, std::size_t from, std::size_t to, double fps) {
+    for (std::size_t k = from + 1; k < to; ++k) {
+        ASSERT_GT(arrivals[k].frameNumber, arrivals[k - 1].frameNumber) << k;
+        const double expected = (arrivals[k].frameNumber - arrivals[k - 1].frameNumber) * 1e6 / fps;
+        EXPECT_NEAR(static_cast<double>(arrivals[k].timestamp - arrivals[k - 1].timestamp), expected, 1000.0)
+            << "list " << k;
+    }
+}
+
+// A sink that keeps the camera waiting makes it drop the frames in between, and a new frame
+// rate takes effect while streaming. (Lists a second against the clock are make bench's.)
+TEST_F(CameraTest, StampsFollowTheFrameRateAndASlowSinkMakesTheCameraDropFrames) {
+    RecordingSink sink;
+    std::atomic<bool> slow{true};
+    sink.onFrames = [&](const std::shared_ptr<LumoraFrameList>&) {
+        if (slow) std::this_thread::sleep_for(25ms);  // three frame periods
+    };
+    const auto camera = open(1);
+    ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
+    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
+    ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_SUCCESS);
+    ASSERT_TRUE(sink.arrivals.waitFor(11));
+    slow = false;
+    const std::size_t atChange = sink.arrivals.size();
+    ASSERT_EQ(camera->setProperty(make_property_64f("framerate", 15.0)), RESULT_SUCCESS);
+    // One list may already be on its way at the old rate; measure from the one after.
+    const std::size_t from = sink.arrivals.size() + 2;
+    ASSERT_TRUE(sink.arrivals.waitFor(from + 6));
+    sink.close(camera);
+    const auto arrivals = sink.arrivals.all();
+    EXPECT_GE(arrivals[10].frameNumber - arrivals[0].frameNumber, 10U * 2);
+    expect_sensor_clock(arrivals, 0, atChange, 120.0);
+    expect_sensor_clock(arrivals, from, arrivals.size(), 15.0);
 }
 
 TEST_F(CameraTest, ListsHeldBySinksAreNotRewritten) {
