@@ -9,15 +9,7 @@ VERSION="v2.3.0 : 2026-11-21"
 
 # The shell still answers a command at once.
 answers() { expect_out version "$VERSION"; }
-has_dump() { [ -n "$(dump_file)" ]; }
 has_a_record() { has_dump && (($(records_of 1 "$(dump_file)") > 0)); }
-has_records() { has_dump && [ "$(records_of "$1" "$(dump_file)")" = "$2" ]; }
-# Types the lines $@ that start a dump (and inject a fault).
-begin_dump() {
-  asked=$(out_count "frames asked for")
-  finished=$(out_count "Frame dump finished!")
-  say "$@"
-}
 # Waits for the writer's line that the dump holds fewer frames than asked for, with the text
 # $2, then for the capture's "Frame dump finished!" unless $3 says "unplugged"; moves the
 # file to $1.
@@ -27,21 +19,6 @@ dump_ends() {
     fail "the dump did not end with \"$2\": $(grep -aF "frames asked for" "$OUT" | tail -1)"
   [ "${3:-}" = unplugged ] || wait_out "Frame dump finished!" $((finished + 1))
   mv "$(dump_file)" "$WORKDIR/$1"
-}
-# Waits for a whole dump of $3 records in mode $2 and its "Frame dump finished!"; moves the
-# file to $1.
-dump_whole() {
-  retry "no dump of $3 records in mode $2" has_records "$2" "$3"
-  wait_out "Frame dump finished!" $((finished + 1))
-  mv "$(dump_file)" "$WORKDIR/$1"
-}
-
-# lmr info of $1 exits with $2 and says $3.
-lmr_says() {
-  local text status=0
-  text=$("$LMR_BIN" info "$WORKDIR/$1") || status=$?
-  [ "$status" = "$2" ] || fail "lmr info $1: status $status: $text"
-  grep -qF -- "$3" <<<"$text" || fail "lmr info $1 does not say \"$3\": $text"
 }
 
 # --- Faults on a running camera, dumps under them, unplugs while dumping and prepared.

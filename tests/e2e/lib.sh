@@ -122,9 +122,6 @@ shows() { screen | grep -q "$1" -- "$2"; }
 # Waits for a screen line to be exactly $1.
 wait_for_line() { retry "no line \"$1\" on the screen" shows -xF "$1"; }
 
-# How many screen lines are exactly $1.
-count_lines() { screen | grep -cxF -- "$1" || true; }
-
 # The whole screen and its scrollback as the terminal shows it.
 raw_screen() { tmux_ capture-pane -p -J -S -; }
 
@@ -237,11 +234,6 @@ expect_after() {
   settle_traces "$1" "$2" "$traces"
 }
 
-at_least() { [ "$(count_lines "$1")" -ge "$2" ]; }
-
-# Waits for $2 screen lines to be exactly $1.
-wait_for_count() { retry "fewer than $2 lines \"$1\"" at_least "$1" "$2"; }
-
 # How many times the terminal has received the bytes $1.
 received_count() { raw_output | { grep -oF -- "$1" || true; } | wc -l; }
 received_more() { [ "$(received_count "$1")" -gt "$2" ]; }
@@ -334,4 +326,37 @@ expect_out() {
   before=$(out_count "$2")
   say "$1"
   wait_out "$2" $((before + 1))
+}
+# Sends the line $1 (a select, a run) and waits for both sinks' traces of the camera's state
+# $2 (1 prepared, 3 running), which the library sends from its own thread after the answer.
+expect_state() {
+  local before
+  before=$(out_count ") state = $2")
+  say "$1"
+  wait_out ") state = $2" $((before + 2))
+}
+
+# Sends the lines $@ that start a dump (and inject a fault), keeping the counts of the
+# writer's and the capture's end lines before it in asked and finished.
+begin_dump() {
+  asked=$(out_count "frames asked for")
+  finished=$(out_count "Frame dump finished!")
+  say "$@"
+}
+# lmr info of $1 exits with $2 and says $3.
+lmr_says() {
+  local text status=0
+  text=$("$LMR_BIN" info "$WORKDIR/$1") || status=$?
+  [ "$status" = "$2" ] || fail "lmr info $1: status $status: $text"
+  grep -qF -- "$3" <<<"$text" || fail "lmr info $1 does not say \"$3\": $text"
+}
+
+has_dump() { [ -n "$(dump_file)" ]; }
+has_records() { has_dump && [ "$(records_of "$1" "$(dump_file)")" = "$2" ]; }
+# Waits for a whole dump of $3 records in mode $2 and its "Frame dump finished!"; moves the
+# file to $1.
+dump_whole() {
+  retry "no dump of $3 records in mode $2" has_records "$2" "$3"
+  wait_out "Frame dump finished!" $((finished + 1))
+  mv "$(dump_file)" "$WORKDIR/$1"
 }
