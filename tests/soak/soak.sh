@@ -76,19 +76,7 @@ renderer_counts() {
     "$OUT" | tail -1
 }
 # The watcher's last line: the page's live status and the pictures it decoded per view.
-page_state() {
-  tail -1 "$WORKDIR/watch" 2>/dev/null | python3 -c '
-import json, sys
-try:
-    s = json.loads(sys.stdin.read())
-except ValueError:
-    print("no page yet"); sys.exit()
-views = {"1": "depth", "2": "amplitude", "3": "cloud", "4": "ipcl-depth", "5": "ipcl-amplitude"}
-pictures = " ".join(f"{views.get(k, k)} {v}" for k, v in sorted(s.get("pictures", {}).items()))
-status = s.get("status", "").split(" · ")[-1]
-closed = s.get("closed")
-print(f"{status}; decoded {pictures}" + (f"; closed: {closed}" if closed else ""))'
-}
+page_state() { tail -1 "$WORKDIR/watch" 2>/dev/null | grep . || echo "no page yet"; }
 
 # Each minute: the figures of the minute.
 tick() {
