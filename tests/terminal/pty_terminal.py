@@ -61,6 +61,12 @@ class PtyTerminal:
         for character in text:
             self.key(character)
 
+    def enter(self, *lines):
+        """Types each line, or none, and Enter after it."""
+        for line in lines or ("",):
+            self.type(line)
+            self.key(ENTER)
+
     def send(self, data):
         self.switches_at_send = self.switches()
         os.write(self.master, data.encode("latin-1"))

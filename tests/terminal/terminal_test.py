@@ -8,7 +8,7 @@ import sys
 import termios
 import unittest
 
-from pty_terminal import BACKSPACE, DOWN, ENTER, LEFT, RIGHT, TAB, UP, PtyTerminal
+from pty_terminal import BACKSPACE, DOWN, LEFT, RIGHT, TAB, UP, PtyTerminal
 
 PROBE = ""
 QUERY = "\x1b[6n"
@@ -35,7 +35,7 @@ class Editor(ProbeTest):
         t.type("c")
         self.assertEqual(t.take_output(), QUERY + "\x1b[2K\r> abcd\x1b[1;6H")
         self.assertEqual(t.row_text(1), "> abcd")
-        t.key(ENTER)
+        t.enter()
         self.assertEqual(t.take_output(), "\n\r\r> ")
         self.assertEqual(t.lines, ["abcd"])
 
@@ -49,8 +49,7 @@ class Editor(ProbeTest):
         t.take_output()
         t.key(BACKSPACE)
         self.assertEqual(t.take_output(), QUERY + "\x1b[2K\r> abc\x1b[1;4H")
-        t.type("X")
-        t.key(ENTER)
+        t.enter("X")
         # At the first character there is nothing to its left to move to.
         t.type("a")
         t.key(LEFT)
@@ -60,7 +59,7 @@ class Editor(ProbeTest):
         t.key(RIGHT)
         t.key(BACKSPACE)
         self.assertEqual(t.row_text(2), ">")
-        t.key(ENTER)
+        t.enter()
         self.assertEqual(t.lines, ["aXbc", ""])
 
     def test_left_and_right_stop_at_the_ends_of_the_line(self):
@@ -89,9 +88,7 @@ class Editor(ProbeTest):
         t.key(DOWN)
         t.key(UP)
         self.assertEqual(t.take_output(), CLEAR, "no history, nothing to show")
-        for line in ("a", "b"):
-            t.type(line)
-            t.key(ENTER)
+        t.enter("a", "b")
         row = t.row
         t.key(UP)
         self.assertEqual(t.row_text(row), "> b")
@@ -107,27 +104,18 @@ class Editor(ProbeTest):
         t.key(DOWN)
         self.assertEqual(t.take_output(), "", "past the newest there is nothing")
         t.key(UP)
-        t.type("c")
-        t.key(ENTER)
-        t.key(ENTER)
-        t.type("@history")
-        t.key(ENTER)
+        t.enter("c", "", "@history")
         self.assertEqual(t.lines, ["a", "b", "bc", "", "@history"])
         self.assertIn("1 a\n2 b\n3 bc\n4 @history\n", t.take_output(), "an empty line is not recorded")
 
     def test_bang_recalls_an_entry_by_number_otherwise_the_line_is_literal(self):
         t = self.terminal()
-        for line in ("one", "two"):
-            t.type(line)
-            t.key(ENTER)
+        t.enter("one", "two")
         t.take_output()
-        t.type("!1")
-        t.key(ENTER)
+        t.enter("!1")
         self.assertEqual(t.take_output(), QUERY + "!" + QUERY + "\x1b[2K\r> !1\x1b[3;5H\n\rone\n\r\r> ")
         literal = ["! 2", "!x", "!-1", "!9", "!", "!99999999999", "!1.0"]
-        for line in literal + ["@history"]:
-            t.type(line)
-            t.key(ENTER)
+        t.enter(*literal, "@history")
         self.assertEqual(t.lines, ["one", "two", "one", "two", *literal[1:], "@history"])
         self.assertIn("2 two\n3 one\n4 two\n5 !x\n", t.take_output(), "a recalled line is recorded again")
 
@@ -138,17 +126,17 @@ class Editor(ProbeTest):
         t.take_output()
         t.key(TAB)
         self.assertEqual(t.take_output(), "", "no match")
-        t.key(ENTER)
+        t.enter()
         t.type("sea")
         t.take_output()
         t.key(TAB)
         self.assertEqual(t.take_output(), "\x1b[2K\r> search ")
-        t.key(ENTER)
+        t.enter()
         t.type("se")
         t.take_output()
         t.key(TAB)
         self.assertEqual(t.take_output(), "\n\rsearch select set setpl \n\r\r> ", "a word added twice is offered once")
-        t.key(ENTER)
+        t.enter()
         self.assertEqual(t.lines, ["xyz", "search", ""], "the typed prefix is dropped")
 
         many = self.terminal(">", *(f"w{i}" for i in range(1, 11)))
@@ -164,22 +152,19 @@ class Editor(ProbeTest):
         narrow.take_output()
         narrow.type("d")
         self.assertEqual(narrow.take_output(), QUERY + "error : please check for windows size(10:24)\n")
-        narrow.key(ENTER)
+        narrow.enter()
         self.assertEqual(narrow.lines, ["abc"])
         # A cursor column not below the ROW count appends at the end of the line.
         flat = self.terminal(rows=5, columns=80)
         flat.type("abcdef")
         for _ in range(3):
             flat.key(LEFT)
-        flat.type("X")
-        flat.key(ENTER)
+        flat.enter("X")
         self.assertEqual(flat.lines, ["abcdefX"])
 
     def test_trailing_blanks_are_cut_and_a_blank_line_is_recorded_empty(self):
         t = self.terminal()
-        for line in ("run   ", "   ", " get x ", "@history"):
-            t.type(line)
-            t.key(ENTER)
+        t.enter("run   ", "   ", " get x ", "@history")
         self.assertEqual(t.lines, ["run", "", " get x", "@history"])
         self.assertIn("1 run\n2 \n3  get x\n4 @history\n", t.take_output())
 
@@ -207,7 +192,7 @@ class Editor(ProbeTest):
         t.take_output()
         t.type("U")
         self.assertEqual(t.take_output(), QUERY + "\x1b[2K\r> aUXbY\x1b[2147483647;5H")
-        t.key(ENTER)
+        t.enter()
         self.assertEqual(t.lines, ["aUXbY"])
 
 
@@ -234,16 +219,14 @@ class Terminal(ProbeTest):
         t = self.terminal()
         t.type("@rebuild")
         t.take_output()
-        t.key(ENTER)
+        t.enter()
         # The rebuilt instance starts afresh: screen cleared, default prompt, raw again. (The
         # destruction discards output still in flight, so the line end may or may not be seen.)
         self.assertTrue(t.take_output().endswith("\x1b[2J\x1b[1;1H\r# "))
         self.assertEqual(t.settings()[3] & (termios.ICANON | termios.ECHO), 0)
-        t.type("@history")
-        t.key(ENTER)
+        t.enter("@history")
         self.assertNotIn("@rebuild", t.take_output(), "the history went with the old instance")
-        t.type("@exit")
-        t.key(ENTER)
+        t.enter("@exit")
         self.assertEqual(t.wait_exit(), 0)
         self.assertEqual(t.settings(), t.initial)
 
