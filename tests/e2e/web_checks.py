@@ -115,14 +115,4 @@ def check_cloud(url):
 
 
 if __name__ == "__main__":
-    command = sys.argv[1]
-    if command == "page":
-        check_page(sys.argv[2])
-    elif command == "click":
-        check_click(sys.argv[2], sys.argv[3])
-    elif command == "cloud":
-        check_cloud(sys.argv[2])
-    elif command == "png":
-        check_png(sys.argv[2], sys.argv[3])
-    else:
-        fail(f"no check {command}")
+    {"page": check_page, "click": check_click, "png": check_png, "cloud": check_cloud}[sys.argv[1]](*sys.argv[2:])

@@ -327,9 +327,7 @@ TEST_F(CameraTest, ListsHoldTheScenesRenderingOfEachRequestedTypeOnce) {
 TEST_F(CameraTest, DataTypesAndEmbeddedLineFollowPropertiesWhileRunning) {
     RecordingSink sink(400);
     const auto camera = open(0);
-    ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    ASSERT_EQ(camera->run(static_cast<int>(kAllTypes)), RESULT_SUCCESS);
+    ASSERT_TRUE(stream(sink, camera, kAllTypes));
     ASSERT_TRUE(sink.kept.waitFor(2));
     const auto change = make_properties("change");
     change->add(make_property_32s("depth_data_type", DATA_TYPE_FLOAT32));
@@ -393,9 +391,7 @@ TEST_F(CameraTest, StampsFollowTheFrameRateAndASlowSinkMakesTheCameraDropFrames)
         if (slow) std::this_thread::sleep_for(25ms);  // three frame periods
     };
     const auto camera = open(1);
-    ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_SUCCESS);
+    ASSERT_TRUE(stream(sink, camera, LumoraFrame::FRAME_DEPTH));
     ASSERT_TRUE(sink.arrivals.waitFor(11));
     slow = false;
     const std::size_t atChange = sink.arrivals.size();
@@ -427,9 +423,7 @@ TEST_F(CameraTest, ListsHeldBySinksAreNotRewritten) {
         if (seen == 2) heldLine = std::get<1>(list->at(0)->getProperty("embedded_data_line"));
         ++seen;
     };
-    ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    ASSERT_EQ(camera->run(static_cast<int>(kAllTypes)), RESULT_SUCCESS);
+    ASSERT_TRUE(stream(sink, camera, kAllTypes));
     // Enough lists that a pool of reusable ones would have come round to the held ones.
     ASSERT_TRUE(sink.arrivals.waitFor(16));
     {
@@ -478,9 +472,7 @@ TEST_F(CameraTest, PublishedCalibrationDescribesTheDeliveredPointCloud) {
         ASSERT_EQ(camera->getDistortionCoefficients(0, distortion), RESULT_SUCCESS);
         ASSERT_EQ(camera->getIntrinsicParameters(0, intrinsics), RESULT_SUCCESS);
 
-        ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
-        ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-        ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_POINTCLOUD), RESULT_SUCCESS);
+        ASSERT_TRUE(stream(sink, camera, LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_POINTCLOUD));
         ASSERT_TRUE(sink.kept.waitFor(1));
         sink.close(camera);
         const auto list = sink.kept.all().front();
@@ -632,11 +624,9 @@ TEST_F(CameraTest, UnpluggedCameraIsStoppedAndReleasedAndOnlyARunningOneReportsT
     RecordingSink prepared;
     const auto camera = open(0);
     const auto idle = open(1);
-    ASSERT_EQ(running.watch(camera), RESULT_SUCCESS);
     ASSERT_EQ(prepared.watch(idle), RESULT_SUCCESS);
     ASSERT_EQ(idle->prepare(), RESULT_SUCCESS);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_SUCCESS);
+    ASSERT_TRUE(stream(running, camera, LumoraFrame::FRAME_DEPTH));
     ASSERT_TRUE(running.arrivals.waitFor(2));
 
     ASSERT_EQ(detach(0), RESULT_SUCCESS);

@@ -157,6 +157,12 @@ protected:
         EXPECT_NE(camera, nullptr);
         return camera;
     }
+    // Has `sink` watch the camera, then prepares it and runs it with `mask`; false when any
+    // of them is refused.
+    static bool stream(RecordingSink& sink, const std::shared_ptr<LumoraCamera>& camera, std::uint32_t mask) {
+        return sink.watch(camera) == RESULT_SUCCESS && camera->prepare() == RESULT_SUCCESS &&
+               camera->run(static_cast<int>(mask)) == RESULT_SUCCESS;
+    }
 
     std::shared_ptr<LumoraSourceList> mSources;
 };
