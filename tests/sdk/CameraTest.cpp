@@ -22,7 +22,7 @@ protected:
 
 // --- Life cycle: the states in order, and why an operation in the wrong state is refused.
 
-TEST_F(CameraTest, StatesFollowTheOperationsInOrder) {
+TEST_F(CameraTest, StatesFollowTheOperationsInOrderAndOperationsInTheWrongStateAnswerWhy) {
     RecordingSink sink;
     const auto camera = open(0);
     ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
@@ -31,21 +31,40 @@ TEST_F(CameraTest, StatesFollowTheOperationsInOrder) {
     EXPECT_EQ(add_prepared_listener(nullptr), RESULT_INVALID_PARAMETER);
     EXPECT_EQ(camera->source(), mSources->at(0));
     EXPECT_EQ(camera->supportedFrameTypes(), kAllTypes);
-    EXPECT_EQ(camera->wantedFrame(), 0U);
+    // The device is the camera's alone.
+    EXPECT_EQ(create_camera(mSources->at(0)), nullptr);
+    EXPECT_EQ(create_camera(search_camera_source()->find("sim:0")), nullptr);
+    EXPECT_EQ(destroy_camera(open(1)), RESULT_SUCCESS);
 
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_NOT_PREPARED);
+    EXPECT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_NOT_READY);
+    EXPECT_EQ(camera->stop(), RESULT_NOT_READY);
+    EXPECT_EQ(camera->release(), RESULT_NOT_READY);
     ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_PREPARED);
+    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
+    EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
+    const int depth = LumoraFrame::FRAME_DEPTH;
+    for (const int mask : {0, -1, -2, 1, 32, 64, depth | 1, depth | 32, static_cast<int>(0x80000000U) | depth}) {
+        EXPECT_EQ(camera->run(mask), RESULT_INVALID_PARAMETER) << mask;
+    }
+    EXPECT_EQ(camera->wantedFrame(), 0U);
     ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_AMPLITUDE), RESULT_SUCCESS);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_RUNNING);
     EXPECT_EQ(camera->wantedFrame(), 6U);  // depth and amplitude
+    EXPECT_EQ(camera->run(LumoraFrame::FRAME_AMPLITUDE), RESULT_ALREADY_RUNNING);
+    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
+    EXPECT_EQ(camera->release(), RESULT_USING_RESOURCES);
     ASSERT_EQ(camera->stop(), RESULT_SUCCESS);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_STOPPED);
+    EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
+    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
     ASSERT_EQ(camera->run(LumoraFrame::FRAME_POINTCLOUD), RESULT_SUCCESS);
     ASSERT_EQ(camera->stop(), RESULT_SUCCESS);
     EXPECT_EQ(camera->wantedFrame(), 8U);  // the point cloud of the last run
     ASSERT_EQ(camera->release(), RESULT_SUCCESS);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_NOT_PREPARED);
+    EXPECT_EQ(camera->release(), RESULT_NOT_READY);
     ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
 
     Events expected = {"prepared", "state 1", "state 3",  "state 2", "state 3",
@@ -59,42 +78,7 @@ TEST_F(CameraTest, StatesFollowTheOperationsInOrder) {
     expected.emplace_back("state 0");
     EXPECT_EQ(sink.events.all(), expected);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_NOT_PREPARED);
-}
-
-TEST_F(CameraTest, OperationsInTheWrongStateOrOnADestroyedCameraAnswerWhy) {
-    const auto camera = open(0);
-    EXPECT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_NOT_READY);
-    EXPECT_EQ(camera->stop(), RESULT_NOT_READY);
-    EXPECT_EQ(camera->release(), RESULT_NOT_READY);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
-    EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
-    const int depth = LumoraFrame::FRAME_DEPTH;
-    for (const int mask : {0, -1, -2, 1, 32, 64, depth | 1, depth | 32, static_cast<int>(0x80000000U) | depth}) {
-        EXPECT_EQ(camera->run(mask), RESULT_INVALID_PARAMETER) << mask;
-    }
-    EXPECT_EQ(camera->state(), LumoraCamera::STATE_PREPARED);
-    EXPECT_EQ(camera->wantedFrame(), 0U);
-    ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_SUCCESS);
-    EXPECT_EQ(camera->run(LumoraFrame::FRAME_AMPLITUDE), RESULT_ALREADY_RUNNING);
-    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
-    EXPECT_EQ(camera->release(), RESULT_USING_RESOURCES);
-    EXPECT_EQ(camera->state(), LumoraCamera::STATE_RUNNING);
-    ASSERT_EQ(camera->stop(), RESULT_SUCCESS);
-    EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
-    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
-    ASSERT_EQ(camera->release(), RESULT_SUCCESS);
-    EXPECT_EQ(camera->release(), RESULT_NOT_READY);
-    EXPECT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_NOT_READY);
-
-    // The device is the camera's alone; destroyed while running, the camera refuses everything and frees it.
-    EXPECT_EQ(create_camera(mSources->at(0)), nullptr);
-    EXPECT_EQ(create_camera(search_camera_source()->find("sim:0")), nullptr);
-    EXPECT_EQ(destroy_camera(open(1)), RESULT_SUCCESS);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_SUCCESS);
-    EXPECT_EQ(destroy_camera(camera), RESULT_SUCCESS);
-    EXPECT_EQ(camera->state(), LumoraCamera::STATE_NOT_PREPARED);
+    // Destroyed, it refuses everything, and its device can be opened again.
     EXPECT_EQ(camera->prepare(), RESULT_INVALID_OPERATION);
     EXPECT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_INVALID_OPERATION);
     EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
@@ -102,8 +86,8 @@ TEST_F(CameraTest, OperationsInTheWrongStateOrOnADestroyedCameraAnswerWhy) {
     EXPECT_EQ(camera->setProperty(make_property_32s("amplitude_threshold", 20)), RESULT_INVALID_OPERATION);
     EXPECT_EQ(std::get<0>(camera->getProperty("amplitude_threshold")), RESULT_INVALID_OPERATION);
     EXPECT_EQ(std::get<0>(camera->getProperties("fw_info")), RESULT_INVALID_OPERATION);
-    RecordingSink sink;
-    EXPECT_EQ(camera->addSink(&sink), RESULT_INVALID_OPERATION);
+    RecordingSink late;
+    EXPECT_EQ(camera->addSink(&late), RESULT_INVALID_OPERATION);
     EXPECT_EQ(destroy_camera(camera), RESULT_INVALID_OPERATION);
     EXPECT_EQ(destroy_camera(nullptr), RESULT_INVALID_PARAMETER);
     const auto again = open(0);
