@@ -69,6 +69,7 @@ fail() {
   elif [ -s "$OUT" ]; then
     echo "--- the session's last lines:" >&2
     tr -d '\r' <"$OUT" | tail -40 >&2
+    tail -20 "$WORKDIR/err" >&2 2>/dev/null || true
   fi
   exit 1
 }
@@ -280,8 +281,8 @@ dump_file() { compgen -G "$WORKDIR/QRX100A_*_framedump_*.lmr" | tail -1; }
 records_of() { echo $((($(stat -c %s "$2") - DUMP_HEAD) / RECORD[$1])); }
 whole_records() { (($(stat -c %s "$2") > DUMP_HEAD && ($(stat -c %s "$2") - DUMP_HEAD) % RECORD[$1] == 0)); }
 
-# --- The shell as a scripted session: lines go in with say, its output (both streams)
-# collects in $OUT.
+# --- The shell as a scripted session: lines go in with say, its output collects in $OUT
+# (a sanitizer's reports, on the error stream, in $WORKDIR/err).
 
 # Starts the shell on the devices $1, with the test's X server when $2 is 1, else with no
 # display at all. Any further words run first, in the shell's process: "ulimit -f 100" is
@@ -294,9 +295,9 @@ start_piped() {
     environment+=("DISPLAY=$XDISPLAY" "XDG_RUNTIME_DIR=$WORKDIR/runtime" QT_XCB_GL_INTEGRATION=none)
   fi
   shift 2
-  rm -f "$WORKDIR/in" "$OUT"
+  rm -f "$WORKDIR/in" "$OUT" "$WORKDIR/err"
   mkfifo "$WORKDIR/in"
-  (cd "$WORKDIR" && "${@:-:}" && trap "" XFSZ && exec "${environment[@]}" "$SHELL_BIN" <"$WORKDIR/in" >"$OUT" 2>&1) &
+  (cd "$WORKDIR" && "${@:-:}" && trap "" XFSZ && exec "${environment[@]}" "$SHELL_BIN" <"$WORKDIR/in" >"$OUT" 2>"$WORKDIR/err") &
   SHELL_PID=$!
   exec 8>"$WORKDIR/in"
 }

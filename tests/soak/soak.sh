@@ -46,7 +46,7 @@ TICKS=$(getconf CLK_TCK)
 soak_cleanup() {
   [ -n "$WATCHER_PID" ] && kill "$WATCHER_PID" 2>/dev/null && wait "$WATCHER_PID" 2>/dev/null || true
   [ -n "$SHELL_PID" ] && kill -9 "$SHELL_PID" 2>/dev/null || true
-  [ -n "${SOAK_KEEP:-}" ] && cp "$OUT" "$SOAK_KEEP" 2>/dev/null || true
+  [ -n "${SOAK_KEEP:-}" ] && cat "$OUT" "$WORKDIR/err" >"$SOAK_KEEP" 2>/dev/null || true
   cleanup
 }
 trap soak_cleanup EXIT
@@ -65,8 +65,8 @@ threads() { find "/proc/$SHELL_PID/task" -mindepth 1 -maxdepth 1 2>/dev/null | w
 cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$SHELL_PID/stat"; }
 
 sanitizer_reports() {
-  grep -cE 'ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:|SUMMARY: [A-Za-z]+Sanitizer' \
-    "$OUT" || true
+  cat "$OUT" "$WORKDIR/err" 2>/dev/null |
+    grep -acE 'ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:|SUMMARY: [A-Za-z]+Sanitizer' || true
 }
 
 # The renderer's last "N lists drawn, M dropped at the queue, FPS; D lists delivered" (its
@@ -311,7 +311,7 @@ wait "$WATCHER_PID" || FAILURES+=("the browser watcher failed: $(tail -3 "$WORKD
 WATCHER_PID=""
 end_piped
 reports=$(sanitizer_reports)
-((reports == 0)) || FAILURES+=("$reports sanitizer report lines: $(grep -m3 -E 'Sanitizer|runtime error:' "$OUT")")
+((reports == 0)) || FAILURES+=("$reports sanitizer report lines: $(grep -m3 -E 'Sanitizer|runtime error:' "$WORKDIR/err")")
 
 # --- flat ---
 echo "  checkpoints (s: RSS MiB/descriptors/threads): $(for i in "${!CP_RSS[@]}"; do printf '%s: %s/%s/%s  ' "${CP_MIN[i]}" "${CP_RSS[i]}" "${CP_FD[i]}" "${CP_THR[i]}"; done)"
