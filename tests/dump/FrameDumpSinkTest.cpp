@@ -1,9 +1,11 @@
 // The dump sink writes byte-exact files from frame lists handed to it as the camera's
-// delivery thread would; the files are read back here with a parser of the test's own.
+// delivery thread would; each file is compared with the bytes the test builds itself.
+#include <algorithm>
 #include <chrono>
 #include <regex>
 #include <thread>
 
+#include "DumpBytes.h"
 #include "DumpTestSupport.h"
 #include "dump/FrameDumpSink.h"
 
@@ -11,38 +13,9 @@ namespace lumora::dump::test {
 namespace {
 
 using namespace std::chrono_literals;
+using format::test::DumpCamera;
+using format::test::FileBytes;
 using FT = hs::LumoraFrame::FrameType;
-
-// Little-endian fields at a running offset; at() throws past the end, failing the test.
-struct Parser {
-    const std::vector<std::uint8_t>& bytes;
-    std::size_t at = 0;
-
-    std::uint64_t number(int width) {
-        std::uint64_t value = 0;
-        for (int i = 0; i < width; ++i)
-            value |= std::uint64_t{bytes.at(at + i)} << (8 * i);
-        at += width;
-        return value;
-    }
-    std::vector<std::uint8_t> take(std::size_t count) {
-        std::vector<std::uint8_t> out(bytes.begin() + at, bytes.begin() + at + count);
-        EXPECT_LE(at + count, bytes.size());
-        at += count;
-        return out;
-    }
-    std::string field(std::size_t width) {
-        const auto raw = take(width);
-        return {raw.begin(), raw.end()};
-    }
-};
-
-// `text` as a field of `width` bytes: cut, NUL, zeros.
-std::string field_of(const std::string& text, std::size_t width) {
-    std::string out = text.substr(0, width - 1);
-    out.resize(width, '\0');
-    return out;
-}
 
 std::vector<std::uint8_t> plane_bytes(const std::shared_ptr<hs::LumoraFrame>& frame, std::size_t plane,
                                       std::size_t elementSize) {
@@ -72,7 +45,25 @@ protected:
         sink.onLumoraCameraPrepared(&camera);
         sink.onLumoraCameraState(camera.source().get(), hs::LumoraCamera::STATE_RUNNING);
     }
+    // Where the one dump file, which is then removed, first differs from `expected`; empty
+    // when it does not.
+    std::string differenceFrom(const FileBytes& expected) {
+        const auto files = dumpFiles();
+        if (files.size() != 1) return std::to_string(files.size()) + " dump files";
+        const auto got = read_file(files[0]);
+        fs::remove(files[0]);
+        const std::string& want = expected.bytes();
+        const auto at = std::mismatch(got.begin(), got.end(), want.begin(), want.end(),
+                                      [](std::uint8_t a, char b) { return a == static_cast<std::uint8_t>(b); });
+        if (at.first == got.end() && at.second == want.end()) return {};
+        return "byte " + std::to_string(at.first - got.begin()) + " of " + std::to_string(got.size()) + ", " +
+               std::to_string(want.size()) + " expected";
+    }
 };
+
+// The descriptors of FakeSource("QRX100A", "LM01", "sim:0") with firmware 7: the URI's scheme
+// is the source type.
+const DumpCamera kCamera{"sim", 7, hs::last_released_version(), "LM01", "QRX100A"};
 
 // The example file: two 4 x 2 depth frames without embedded lines make 131 bytes, and
 // every text field is cut and terminated inside its width.
@@ -97,30 +88,14 @@ TEST_F(FrameDumpSinkTest, WritesTheExampleFileWithCutFields) {
     EXPECT_TRUE(std::regex_match(files[0].filename().string(),
                                  std::regex(name + "_" + serial + "_framedump_20[0-9]{12}\\.lmr")))
         << files[0];
-    const auto bytes = read_file(files[0]);
-    ASSERT_EQ(bytes.size(), 131U);
-    Parser p{bytes};
-    EXPECT_EQ(p.number(2), 0x00DFU);
-    EXPECT_EQ(p.number(1), 0U);
-    EXPECT_EQ(p.number(2), 2U);
-    EXPECT_EQ(p.number(2), 0U);
-    EXPECT_EQ(p.number(2), 1U);
-    EXPECT_EQ(p.field(8), field_of("usbcam0", 8));
-    EXPECT_EQ(p.number(2), 2U);
-    EXPECT_EQ(p.number(2), 0x2345U);
-    EXPECT_EQ(p.field(12), field_of(hs::last_released_version(), 12));
-    EXPECT_EQ(p.field(20), field_of(serial, 20));
-    EXPECT_EQ(p.field(16), field_of(name, 16));
-    EXPECT_EQ(p.at, 69U);
-    int index = 0;
-    for (const auto& frame : {first, second}) {
-        EXPECT_EQ(p.number(1), static_cast<std::uint64_t>(index++));
-        EXPECT_EQ(p.number(2), 4U);
-        EXPECT_EQ(p.number(2), 2U);
-        EXPECT_EQ(p.number(2), 2U);
-        EXPECT_EQ(p.number(8), frame->timestamp());
-        EXPECT_EQ(p.take(16), plane_bytes(frame, 0, 2));
-    }
+    FileBytes expected;
+    expected.head(
+        0x00DF, 0, 2, 0, 1,
+        {"usbcam0", 0x2345, hs::last_released_version().substr(0, 11), serial.substr(0, 19), name.substr(0, 15)});
+    expected.frame(0, 4, 2, 2, 1000).raw(plane_bytes(first, 0, 2));
+    expected.frame(1, 4, 2, 2, second->timestamp()).raw(plane_bytes(second, 0, 2));
+    ASSERT_EQ(expected.bytes().size(), 131U);
+    EXPECT_EQ(differenceFrom(expected), "");
 }
 
 // 300 lists, two without an embedded line (dropped, the index stays) and one without a
@@ -135,7 +110,9 @@ TEST_F(FrameDumpSinkTest, RunningIndexWrapsAndSkips) {
     sink.requestDump(FT::FRAME_DEPTH | FT::FRAME_AMPLITUDE, 0, 300);
     const std::vector<std::uint8_t> line{'L', 'M', 1, 2, 3, 4};
     constexpr std::size_t kRecord = 15 + 6 + 16;
-    std::vector<std::pair<std::uint8_t, int>> expected;  // index, list number (timestamp and seed)
+    FileBytes expected;
+    expected.head(0x00DF, 1, 300, 0, 1, kCamera);
+    std::size_t records = 0;
     std::uint8_t index = 0;
     for (int i = 0; i < 300; ++i) {
         const auto seed = static_cast<std::uint8_t>(i);
@@ -148,31 +125,17 @@ TEST_F(FrameDumpSinkTest, RunningIndexWrapsAndSkips) {
             ++index;
             continue;
         }
-        sink.onLumoraFrameList(source.get(), list_of({patterned_frame(FT::FRAME_DEPTH, 4, 2, i, seed, &line)}));
-        expected.emplace_back(index++, i);
+        const auto depth = patterned_frame(FT::FRAME_DEPTH, 4, 2, i, seed, &line);
+        sink.onLumoraFrameList(source.get(), list_of({depth}));
+        expected.frame(index++, 4, 2, 2, i).raw(line).raw(plane_bytes(depth, 0, 2));
         // Paced by the writer, so that no list is dropped at the queue.
-        ASSERT_TRUE(waitForSize(69 + expected.size() * kRecord)) << "record " << expected.size();
+        ASSERT_TRUE(waitForSize(69 + ++records * kRecord)) << "record " << records;
     }
     sink.onLumoraFrameList(source.get(), list_of({patterned_frame(FT::FRAME_DEPTH, 4, 2, 0, 0, &line)}));
     sink.stopDump();
 
-    const auto files = dumpFiles();
-    ASSERT_EQ(files.size(), 1U);
-    const auto bytes = read_file(files[0]);
-    ASSERT_EQ(bytes.size(), 69 + 297 * kRecord);
-    EXPECT_EQ(bytes[2], 1U) << "embedded_line_control";
-    Parser p{bytes, 69};
-    std::size_t wraps = 0;
-    for (const auto& [wantIndex, number] : expected) {
-        const auto got = p.number(1);
-        EXPECT_EQ(got, wantIndex);
-        wraps += got == 0;
-        p.number(6);
-        EXPECT_EQ(p.number(8), static_cast<std::uint64_t>(number));
-        EXPECT_EQ(p.take(6), line);
-        EXPECT_EQ(p.take(16)[0], static_cast<std::uint8_t>(number));
-    }
-    EXPECT_EQ(wraps, 2U) << "the index starts at 0 and wraps once";
+    EXPECT_EQ(records, 297U);
+    EXPECT_EQ(differenceFrom(expected), "");
 }
 
 // Each mode writes its blocks in order at its element size; a mode-3 record carries
@@ -204,19 +167,11 @@ TEST_F(FrameDumpSinkTest, ModesWriteTheirBlocks) {
         sink.onLumoraFrameList(source.get(), all);
         sink.onLumoraFrameList(source.get(), all);
         sink.stopDump();
-        const auto files = dumpFiles();
-        ASSERT_EQ(files.size(), 1U);
-        const auto bytes = read_file(files[0]);
-        fs::remove(files[0]);
-        const std::size_t element = mode < 2 ? 2 : 4;
-        ASSERT_EQ(bytes.size(), 69 + 15 + blocks[mode].size() * kWidth * kHeight * element);
-        Parser p{bytes, 5};
-        EXPECT_EQ(p.number(2), mode);
-        p.at = 69 + 5;
-        EXPECT_EQ(p.number(2), element);
-        p.number(8);
+        FileBytes expected;
+        expected.head(0x00DF, 0, 1, static_cast<int>(mode), 1, kCamera).frame(0, kWidth, kHeight, mode < 2 ? 2 : 4, 5);
         for (const auto& block : blocks[mode])
-            EXPECT_TRUE(p.take(block.size()) == block);
+            expected.raw(block);
+        EXPECT_EQ(differenceFrom(expected), "");
     }
     sink.requestDump(FT::FRAME_INTENSITY_POINTCLOUD, 2, 1);
     sink.onLumoraFrameList(source.get(), list_of({intensityCloud}));

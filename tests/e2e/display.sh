@@ -86,10 +86,7 @@ received "QObject::" && fail "Qt warned at quit: $(raw_output | grep -a -m1 "QOb
 
 # No display: one line says so, the frames are read out on the console, the shell goes on.
 # The read-out rewrites the prompt's line, so keys go one at a time with a pause.
-NO_DISPLAY=1 start_shell "QRX100A"
-wait_for "LumoraShell>"
-type_line "search"
-select_camera 0
+NO_DISPLAY=1 open_camera "QRX100A"
 expect_after "$P" "run" "-> result : success"
 wait_for_bytes "no display found: the frames are read out on the console"
 retry "no console read-out" received $'\rfps : '

@@ -1,12 +1,21 @@
 # Helpers for end-to-end tests: the shell runs in a real terminal (a tmux pane, on a
 # server of the test's own), keys are typed with send-keys and the screen is read with
-# capture-pane. Every wait is bounded. The shell gets a display of its own (an Xvfb server
-# started with the first shell) unless NO_DISPLAY=1.
+# capture-pane; or as a scripted session fed through a pipe (start_piped). Every wait is
+# bounded. The shell gets a display of its own (an Xvfb server started with the first
+# shell) unless NO_DISPLAY=1.
 set -euo pipefail
 
 SHELL_BIN=$(realpath "${1:?usage: $0 path/to/lumora-shell}")
+LMR_BIN=$(dirname "$SHELL_BIN")/../lmr/lmr
 SOCKET=""
 WORKDIR=$(mktemp -d)
+OUT="$WORKDIR/out"
+SHELL_PID=""
+# Dump files: the head's bytes, and a record's of a 160 x 120 camera with its 160-byte
+# embedded line by mode (a 15-byte header, the line, then 1, 2, 6 or 8 bytes a pixel).
+DUMP_HEAD=69
+RECORD=()
+for bytes in 2 4 12 16; do RECORD+=($((15 + 160 + 160 * 120 * bytes))); done
 SHELLS=0
 echo "set-option -g remain-on-exit on" >"$WORKDIR/tmux.conf"
 unset LUMORA_SIM_DEVICES DISPLAY
@@ -41,9 +50,9 @@ cleanup() {
 trap cleanup EXIT
 
 # Runs the command $2... every 50 ms (RETRY_PAUSE seconds when set) until it succeeds, for
-# at most 10 seconds; then fails with the message $1.
+# at most 10 seconds (RETRY_SECONDS when set); then fails with the message $1.
 retry() {
-  local message=$1 deadline=$((SECONDS + 10))
+  local message=$1 deadline=$((SECONDS + ${RETRY_SECONDS:-10}))
   shift
   until "$@"; do
     ((SECONDS < deadline)) || fail "$message"
@@ -51,10 +60,17 @@ retry() {
   done
 }
 
+# Fails with the message $*, the screen of the terminal or the end of the scripted session.
 fail() {
   echo "FAIL: $*" >&2
-  echo "--- screen:" >&2
-  raw_screen >&2 || true
+  if [ -n "$SOCKET" ]; then
+    echo "--- screen:" >&2
+    raw_screen >&2 || true
+  elif [ -s "$OUT" ]; then
+    echo "--- the session's last lines:" >&2
+    tr -d '\r' <"$OUT" | tail -40 >&2
+    tail -20 "$WORKDIR/err" >&2 2>/dev/null || true
+  fi
   exit 1
 }
 
@@ -106,9 +122,6 @@ shows() { screen | grep -q "$1" -- "$2"; }
 
 # Waits for a screen line to be exactly $1.
 wait_for_line() { retry "no line \"$1\" on the screen" shows -xF "$1"; }
-
-# How many screen lines are exactly $1.
-count_lines() { screen | grep -cxF -- "$1" || true; }
 
 # The whole screen and its scrollback as the terminal shows it.
 raw_screen() { tmux_ capture-pane -p -J -S -; }
@@ -222,11 +235,6 @@ expect_after() {
   settle_traces "$1" "$2" "$traces"
 }
 
-at_least() { [ "$(count_lines "$1")" -ge "$2" ]; }
-
-# Waits for $2 screen lines to be exactly $1.
-wait_for_count() { retry "fewer than $2 lines \"$1\"" at_least "$1" "$2"; }
-
 # How many times the terminal has received the bytes $1.
 received_count() { raw_output | { grep -oF -- "$1" || true; } | wc -l; }
 received_more() { [ "$(received_count "$1")" -gt "$2" ]; }
@@ -242,14 +250,20 @@ select_camera() {
   type_line ""
 }
 
-# Starts the shell with one QRX100A, selects it and runs it.
-start_streaming() {
-  start_shell "QRX100A"
+# Opens the only or first camera of the devices $1 in a new shell; the prompt is then P.
+open_camera() {
+  start_shell "$1"
   wait_for "LumoraShell>"
   type_line "search"
   select_camera 0
-  wait_for_line "QRX100A:"
-  expect_after "QRX100A:" "run" "-> result : success"
+  P="${1%%[:,@]*}:"
+  wait_for_line "$P"
+}
+
+# Starts the shell with one QRX100A, selects it and runs it.
+start_streaming() {
+  open_camera QRX100A
+  expect_after "$P" "run" "-> result : success"
 }
 
 # Runs xdotool on the test's X server.
@@ -260,3 +274,90 @@ has_window() { xdo search --onlyvisible --name "$1" >/dev/null 2>&1; }
 no_window() { ! has_window "$1"; }
 wait_window() { retry "no window named like \"$1\"" has_window "$1"; }
 wait_no_window() { retry "a window named like \"$1\" is still there" no_window "$1"; }
+
+# The newest dump file of the simulated QRX100A, if any.
+dump_file() { compgen -G "$WORKDIR/QRX100A_*_framedump_*.lmr" | tail -1; }
+# Whole records of mode $1 in the dump file $2; whole_records: at least one, none cut short.
+records_of() { echo $((($(stat -c %s "$2") - DUMP_HEAD) / RECORD[$1])); }
+whole_records() { (($(stat -c %s "$2") > DUMP_HEAD && ($(stat -c %s "$2") - DUMP_HEAD) % RECORD[$1] == 0)); }
+
+# --- The shell as a scripted session: lines go in with say, its output collects in $OUT
+# (a sanitizer's reports, on the error stream, in $WORKDIR/err).
+
+# Starts the shell on the devices $1, with the test's X server when $2 is 1, else with no
+# display at all. Any further words run first, in the shell's process: "ulimit -f 100" is
+# a full disk, where SIGXFSZ is ignored so that the write fails instead.
+start_piped() {
+  local environment=(env -u DISPLAY "LUMORA_SIM_DEVICES=$1")
+  if [ "$2" = 1 ]; then
+    start_display
+    mkdir -p -m 700 "$WORKDIR/runtime"
+    environment+=("DISPLAY=$XDISPLAY" "XDG_RUNTIME_DIR=$WORKDIR/runtime" QT_XCB_GL_INTEGRATION=none)
+  fi
+  shift 2
+  rm -f "$WORKDIR/in" "$OUT" "$WORKDIR/err"
+  mkfifo "$WORKDIR/in"
+  (cd "$WORKDIR" && "${@:-:}" && trap "" XFSZ && exec "${environment[@]}" "$SHELL_BIN" <"$WORKDIR/in" >"$OUT" 2>"$WORKDIR/err") &
+  SHELL_PID=$!
+  exec 8>"$WORKDIR/in"
+}
+
+say() { printf '%s\n' "$@" >&8; }
+
+# Ends the script; the shell must end within 20 s with status 0.
+end_piped() {
+  exec 8>&-
+  local deadline=$((SECONDS + 20))
+  while kill -0 "$SHELL_PID" 2>/dev/null; do
+    ((SECONDS < deadline)) || fail "the shell did not end with its script"
+    sleep 0.1
+  done
+  wait "$SHELL_PID" || fail "the shell ended with status $?"
+}
+
+# Lines of the output holding the text $1.
+out_count() { grep -acF -- "$1" "$OUT" 2>/dev/null || true; }
+out_has() { grep -qaF -- "$1" "$OUT" 2>/dev/null; }
+out_at_least() { (($(out_count "$1") >= $2)); }
+# Waits for $2 lines of the output to hold $1.
+wait_out() { retry "fewer than $2 lines \"$1\"" out_at_least "$1" "$2"; }
+# Sends the line $1 and waits for one more line holding $2.
+expect_out() {
+  local before
+  before=$(out_count "$2")
+  say "$1"
+  wait_out "$2" $((before + 1))
+}
+# Sends the line $1 (a select, a run) and waits for both sinks' traces of the camera's state
+# $2 (1 prepared, 3 running), which the library sends from its own thread after the answer.
+expect_state() {
+  local before
+  before=$(out_count ") state = $2")
+  say "$1"
+  wait_out ") state = $2" $((before + 2))
+}
+
+# Sends the lines $@ that start a dump (and inject a fault), keeping the counts of the
+# writer's and the capture's end lines before it in asked and finished.
+begin_dump() {
+  asked=$(out_count "frames asked for")
+  finished=$(out_count "Frame dump finished!")
+  say "$@"
+}
+# lmr info of $1 exits with $2 and says $3.
+lmr_says() {
+  local text status=0
+  text=$("$LMR_BIN" info "$WORKDIR/$1") || status=$?
+  [ "$status" = "$2" ] || fail "lmr info $1: status $status: $text"
+  grep -qF -- "$3" <<<"$text" || fail "lmr info $1 does not say \"$3\": $text"
+}
+
+has_dump() { [ -n "$(dump_file)" ]; }
+has_records() { has_dump && [ "$(records_of "$1" "$(dump_file)")" = "$2" ]; }
+# Waits for a whole dump of $3 records in mode $2 and its "Frame dump finished!"; moves the
+# file to $1.
+dump_whole() {
+  retry "no dump of $3 records in mode $2" has_records "$2" "$3"
+  wait_out "Frame dump finished!" $((finished + 1))
+  mv "$(dump_file)" "$WORKDIR/$1"
+}

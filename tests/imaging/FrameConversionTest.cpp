@@ -1,6 +1,6 @@
 // Frame-to-image conversion on frames made by hand: pixels against the two-table rule for
 // both data types, the read-out and marker, scaling, projection of a known plane, and the
-// console read-out.
+// console read-out; and the value read under a point of a picture, as the web page asks.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -17,6 +17,8 @@
 
 #include "imaging/ColorMaps.h"
 #include "imaging/FrameConversion.h"
+#include "imaging/Readout.h"
+#include "imaging/View.h"
 
 namespace lumora::imaging {
 namespace {
@@ -28,16 +30,17 @@ constexpr int kWidth = 64;
 constexpr int kHeight = 48;
 
 // A depth or amplitude frame whose pixel i holds values[i % size], as 16-bit or float data.
-Frame basicFrame(hs::LumoraFrame::FrameType type, hs::DataType dataType, const std::vector<std::uint16_t>& values,
-                 int width = kWidth, int height = kHeight) {
-    Frame frame = hs::sim::make_frame(type, dataType, width, height, 1, 0);
+template <typename T>
+Frame basicFrame(hs::LumoraFrame::FrameType type, hs::DataType dataType, const std::vector<T>& values,
+                 int width = kWidth, int height = kHeight, std::uint64_t timestamp = 0) {
+    Frame frame = hs::sim::make_frame(type, dataType, width, height, 1, timestamp);
     void* data = hs::sim::frame_data(frame);
     for (int i = 0; i < width * height; ++i) {
-        const std::uint16_t value = values[static_cast<std::size_t>(i) % values.size()];
+        const T value = values[static_cast<std::size_t>(i) % values.size()];
         if (dataType == hs::DATA_TYPE_UINT16)
-            static_cast<std::uint16_t*>(data)[i] = value;
+            static_cast<std::uint16_t*>(data)[i] = static_cast<std::uint16_t>(value);
         else
-            static_cast<float*>(data)[i] = value;
+            static_cast<float*>(data)[i] = static_cast<float>(value);
     }
     return frame;
 }
@@ -230,6 +233,43 @@ TEST_F(FrameConversion, ConsoleReadoutAndFramerateImage) {
     EXPECT_EQ(fps.size(), cv::Size(20 * 11 - 40, 60));
     EXPECT_GT(cv::countNonZero(fps), 0);
     EXPECT_TRUE(framerateImage("ab").empty());
+}
+
+TEST(Readout, ReadsTheFramePixelUnderAScaledPicturePoint) {
+    std::vector<std::uint16_t> depth(std::size_t{8} * 6);
+    for (std::size_t i = 0; i < depth.size(); ++i)
+        depth[i] = static_cast<std::uint16_t>(1000 + i);
+    std::vector<float> amplitude(depth.size(), 2.6F);
+    amplitude[13] = 70000.0F;
+    Frame cloud = hs::sim::make_frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_FLOAT32, 8, 6, 1, 0);
+    static_cast<float*>(hs::sim::frame_data(cloud))[2 * 48 + 8 + 1] = 1.2345F;  // z of column 1, row 1
+    const auto list = hs::sim::make_frame_list(
+        {basicFrame(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_UINT16, depth, 8, 6, 4242),
+         basicFrame(hs::LumoraFrame::FRAME_AMPLITUDE, hs::DATA_TYPE_FLOAT32, amplitude, 8, 6), cloud});
+
+    // A picture of half the frame's size: point (3, 2) is frame column 6, row 4.
+    const auto d = readValue(list, kDepth, 3, 2, 4, 3);
+    ASSERT_TRUE(d);
+    EXPECT_EQ(d->column, 6);
+    EXPECT_EQ(d->row, 4);
+    EXPECT_EQ(d->value, 1000 + 4 * 8 + 6);
+    EXPECT_EQ(d->timestamp, 4242U);
+    EXPECT_EQ(d->text, readoutText(6, 4, 'd', 1038));
+    // Float samples rounded and clamped as the pictures show them; a point's z in millimetres.
+    EXPECT_EQ(readValue(list, kAmplitude, 0, 0, 8, 6)->value, 3);
+    EXPECT_EQ(readValue(list, kAmplitude, 5, 1, 8, 6)->value, 65535);
+    EXPECT_EQ(readValue(list, kAmplitude, 0, 0, 8, 6)->letter, 'a');
+    const auto z = readValue(list, kPointCloud, 1, 1, 8, 6);
+    ASSERT_TRUE(z);
+    EXPECT_EQ(z->value, 1234);
+    EXPECT_EQ(z->letter, 'z');
+
+    EXPECT_FALSE(readValue(list, kDepth, 4, 0, 4, 3));
+    EXPECT_FALSE(readValue(list, kDepth, 0, -1, 4, 3));
+    EXPECT_FALSE(readValue(list, kDepth, 0, 0, 0, 3));
+    EXPECT_FALSE(readValue(list, kIntensityDepth, 0, 0, 8, 6));
+    EXPECT_FALSE(readValue(list, kFramerate, 0, 0, 8, 6));
+    EXPECT_FALSE(readValue(nullptr, kDepth, 0, 0, 8, 6));
 }
 
 }  // namespace

@@ -189,14 +189,13 @@ TEST_F(LmrInfo, FindsWhatIsWrongAndSaysSoInItsExitStatus) {
 
     std::ofstream("garbage.lmr", std::ios::binary) << std::string(4096, '\x5a');
 
-    // The real program: its exit statuses, and the report on one screen.
+    // The real program: its exit statuses (0 and 1 on the shell's dumps are tests/e2e's), and
+    // the report on one screen.
     std::string report;
     EXPECT_EQ(run_lmr("info whole.lmr", &report), 0);
     EXPECT_NE(report.find("camera_name             QRX200AP"), std::string::npos) << report;
     EXPECT_NE(report.find("frame rate              30.00 per second"), std::string::npos) << report;
     EXPECT_NE(report.find("whole and consistent"), std::string::npos) << report;
-    EXPECT_EQ(run_lmr("info gaps.lmr"), 1);
-    EXPECT_EQ(run_lmr("info cut.lmr"), 1);
     EXPECT_EQ(run_lmr("info line.lmr", &report), 1);
     EXPECT_NE(report.find("cannot be read past byte"), std::string::npos) << report;
     EXPECT_EQ(run_lmr("info garbage.lmr", &report), 2);

@@ -1,5 +1,6 @@
 // The frame-rate checker's sampling and band check. The timer event is driven directly: the
-// library timer's first event is a second after start, far beyond these tests.
+// library timer's first event is a second after start, far beyond these tests (the soak has
+// the checker on that timer, counting the errors of a band the camera misses).
 #include <gtest/gtest.h>
 
 #include "pipeline/FramerateChecker.h"

@@ -1,5 +1,8 @@
-// A camera's life cycle as its sinks hear it, the answers to operations in the wrong state,
-// callbacks that call back into the camera, and the frames it delivers.
+// A camera as its sinks and listeners hear it, in groups: its life cycle and the answers to
+// operations in the wrong state; listeners, sinks and callbacks that call back into the
+// camera; the lists it delivers, rendered and injected; devices plugged in and unplugged.
+// (What the shell makes of unplugs, during a dump, while prepared and between search and
+// select, is tests/e2e/faults.sh's.)
 #include <algorithm>
 #include <cstdio>
 #include <future>
@@ -11,26 +14,15 @@
 namespace halden::sensor::test {
 namespace {
 
-constexpr auto kDeadlockLimit = 30s;
-
-// Runs `work` on a thread of its own and ends the test process if it is still busy after the
-// limit, so that a deadlock is reported at once instead of hanging the run.
-void without_deadlock(const std::function<void()>& work) {
-    auto done = std::async(std::launch::async, work);
-    if (done.wait_for(kDeadlockLimit) != std::future_status::ready) {
-        ADD_FAILURE() << "deadlock: still blocked after " << kDeadlockLimit.count() << " s";
-        std::fflush(stdout);
-        std::_Exit(1);
-    }
-}
-
 // Small, fast devices; the last has two lenses.
 class CameraTest : public SimTest {
 protected:
     void SetUp() override { useDevices("QRX100A:64x48@120,QRX200AP:32x24@120,QRX500AAW:48x36@120", 3); }
 };
 
-TEST_F(CameraTest, StatesFollowTheOperationsInOrder) {
+// --- Life cycle: the states in order, and why an operation in the wrong state is refused.
+
+TEST_F(CameraTest, StatesFollowTheOperationsInOrderAndOperationsInTheWrongStateAnswerWhy) {
     RecordingSink sink;
     const auto camera = open(0);
     ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
@@ -39,21 +31,40 @@ TEST_F(CameraTest, StatesFollowTheOperationsInOrder) {
     EXPECT_EQ(add_prepared_listener(nullptr), RESULT_INVALID_PARAMETER);
     EXPECT_EQ(camera->source(), mSources->at(0));
     EXPECT_EQ(camera->supportedFrameTypes(), kAllTypes);
-    EXPECT_EQ(camera->wantedFrame(), 0U);
+    // The device is the camera's alone.
+    EXPECT_EQ(create_camera(mSources->at(0)), nullptr);
+    EXPECT_EQ(create_camera(search_camera_source()->find("sim:0")), nullptr);
+    EXPECT_EQ(destroy_camera(open(1)), RESULT_SUCCESS);
 
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_NOT_PREPARED);
+    EXPECT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_NOT_READY);
+    EXPECT_EQ(camera->stop(), RESULT_NOT_READY);
+    EXPECT_EQ(camera->release(), RESULT_NOT_READY);
     ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_PREPARED);
+    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
+    EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
+    const int depth = LumoraFrame::FRAME_DEPTH;
+    for (const int mask : {0, -1, -2, 1, 32, 64, depth | 1, depth | 32, static_cast<int>(0x80000000U) | depth}) {
+        EXPECT_EQ(camera->run(mask), RESULT_INVALID_PARAMETER) << mask;
+    }
+    EXPECT_EQ(camera->wantedFrame(), 0U);
     ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_AMPLITUDE), RESULT_SUCCESS);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_RUNNING);
     EXPECT_EQ(camera->wantedFrame(), 6U);  // depth and amplitude
+    EXPECT_EQ(camera->run(LumoraFrame::FRAME_AMPLITUDE), RESULT_ALREADY_RUNNING);
+    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
+    EXPECT_EQ(camera->release(), RESULT_USING_RESOURCES);
     ASSERT_EQ(camera->stop(), RESULT_SUCCESS);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_STOPPED);
+    EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
+    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
     ASSERT_EQ(camera->run(LumoraFrame::FRAME_POINTCLOUD), RESULT_SUCCESS);
     ASSERT_EQ(camera->stop(), RESULT_SUCCESS);
     EXPECT_EQ(camera->wantedFrame(), 8U);  // the point cloud of the last run
     ASSERT_EQ(camera->release(), RESULT_SUCCESS);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_NOT_PREPARED);
+    EXPECT_EQ(camera->release(), RESULT_NOT_READY);
     ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
 
     Events expected = {"prepared", "state 1", "state 3",  "state 2", "state 3",
@@ -67,42 +78,7 @@ TEST_F(CameraTest, StatesFollowTheOperationsInOrder) {
     expected.emplace_back("state 0");
     EXPECT_EQ(sink.events.all(), expected);
     EXPECT_EQ(camera->state(), LumoraCamera::STATE_NOT_PREPARED);
-}
-
-TEST_F(CameraTest, OperationsInTheWrongStateOrOnADestroyedCameraAnswerWhy) {
-    const auto camera = open(0);
-    EXPECT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_NOT_READY);
-    EXPECT_EQ(camera->stop(), RESULT_NOT_READY);
-    EXPECT_EQ(camera->release(), RESULT_NOT_READY);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
-    EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
-    const int depth = LumoraFrame::FRAME_DEPTH;
-    for (const int mask : {0, -1, -2, 1, 32, 64, depth | 1, depth | 32, static_cast<int>(0x80000000U) | depth}) {
-        EXPECT_EQ(camera->run(mask), RESULT_INVALID_PARAMETER) << mask;
-    }
-    EXPECT_EQ(camera->state(), LumoraCamera::STATE_PREPARED);
-    EXPECT_EQ(camera->wantedFrame(), 0U);
-    ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_SUCCESS);
-    EXPECT_EQ(camera->run(LumoraFrame::FRAME_AMPLITUDE), RESULT_ALREADY_RUNNING);
-    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
-    EXPECT_EQ(camera->release(), RESULT_USING_RESOURCES);
-    EXPECT_EQ(camera->state(), LumoraCamera::STATE_RUNNING);
-    ASSERT_EQ(camera->stop(), RESULT_SUCCESS);
-    EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
-    EXPECT_EQ(camera->prepare(), RESULT_ALREADY_INITIALIZED);
-    ASSERT_EQ(camera->release(), RESULT_SUCCESS);
-    EXPECT_EQ(camera->release(), RESULT_NOT_READY);
-    EXPECT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_NOT_READY);
-
-    // The device is the camera's alone; destroyed while running, the camera refuses everything and frees it.
-    EXPECT_EQ(create_camera(mSources->at(0)), nullptr);
-    EXPECT_EQ(create_camera(search_camera_source()->find("sim:0")), nullptr);
-    EXPECT_EQ(destroy_camera(open(1)), RESULT_SUCCESS);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_SUCCESS);
-    EXPECT_EQ(destroy_camera(camera), RESULT_SUCCESS);
-    EXPECT_EQ(camera->state(), LumoraCamera::STATE_NOT_PREPARED);
+    // Destroyed, it refuses everything, and its device can be opened again.
     EXPECT_EQ(camera->prepare(), RESULT_INVALID_OPERATION);
     EXPECT_EQ(camera->run(LumoraFrame::FRAME_DEPTH), RESULT_INVALID_OPERATION);
     EXPECT_EQ(camera->stop(), RESULT_INVALID_OPERATION);
@@ -110,13 +86,28 @@ TEST_F(CameraTest, OperationsInTheWrongStateOrOnADestroyedCameraAnswerWhy) {
     EXPECT_EQ(camera->setProperty(make_property_32s("amplitude_threshold", 20)), RESULT_INVALID_OPERATION);
     EXPECT_EQ(std::get<0>(camera->getProperty("amplitude_threshold")), RESULT_INVALID_OPERATION);
     EXPECT_EQ(std::get<0>(camera->getProperties("fw_info")), RESULT_INVALID_OPERATION);
-    RecordingSink sink;
-    EXPECT_EQ(camera->addSink(&sink), RESULT_INVALID_OPERATION);
+    RecordingSink late;
+    EXPECT_EQ(camera->addSink(&late), RESULT_INVALID_OPERATION);
     EXPECT_EQ(destroy_camera(camera), RESULT_INVALID_OPERATION);
     EXPECT_EQ(destroy_camera(nullptr), RESULT_INVALID_PARAMETER);
     const auto again = open(0);
     EXPECT_NE(again, camera);
     EXPECT_EQ(destroy_camera(again), RESULT_SUCCESS);
+}
+
+// --- Listeners and sinks, and callbacks that call back into the camera.
+
+constexpr auto kDeadlockLimit = 30s;
+
+// Runs `work` on a thread of its own and ends the test process if it is still busy after the
+// limit, so that a deadlock is reported at once instead of hanging the run.
+void without_deadlock(const std::function<void()>& work) {
+    auto done = std::async(std::launch::async, work);
+    if (done.wait_for(kDeadlockLimit) != std::future_status::ready) {
+        ADD_FAILURE() << "deadlock: still blocked after " << kDeadlockLimit.count() << " s";
+        std::fflush(stdout);
+        std::_Exit(1);
+    }
 }
 
 struct PreparedLog : LumoraCamera::PreparedListener, Recorded<LumoraCamera*> {
@@ -252,6 +243,10 @@ TEST_F(CameraTest, StateCallbacksMayWaitOnAndOperateTheCameraEvenWhileItIsDestro
     EXPECT_EQ(releases, (std::vector<Result>{RESULT_SUCCESS, RESULT_INVALID_OPERATION}));
 }
 
+// --- The lists delivered: the scene's rendering of each type, properties changed while
+// running, their stamps, lists held by sinks, the published calibration, lists and errors
+// injected.
+
 TEST_F(CameraTest, ListsHoldTheScenesRenderingOfEachRequestedTypeOnce) {
     RecordingSink sink(100);
     const auto camera = open(0);
@@ -316,9 +311,7 @@ TEST_F(CameraTest, ListsHoldTheScenesRenderingOfEachRequestedTypeOnce) {
 TEST_F(CameraTest, DataTypesAndEmbeddedLineFollowPropertiesWhileRunning) {
     RecordingSink sink(400);
     const auto camera = open(0);
-    ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    ASSERT_EQ(camera->run(static_cast<int>(kAllTypes)), RESULT_SUCCESS);
+    ASSERT_TRUE(stream(sink, camera, kAllTypes));
     ASSERT_TRUE(sink.kept.waitFor(2));
     const auto change = make_properties("change");
     change->add(make_property_32s("depth_data_type", DATA_TYPE_FLOAT32));
@@ -363,6 +356,40 @@ TEST_F(CameraTest, DataTypesAndEmbeddedLineFollowPropertiesWhileRunning) {
     }
 }
 
+// The sensor stamps each list at its own deadline: timestamps follow frame numbers at the period.
+void expect_sensor_clock(const std::vector<Arrival>& arrivals, std::size_t from, std::size_t to, double fps) {
+    for (std::size_t k = from + 1; k < to; ++k) {
+        ASSERT_GT(arrivals[k].frameNumber, arrivals[k - 1].frameNumber) << k;
+        const double expected = (arrivals[k].frameNumber - arrivals[k - 1].frameNumber) * 1e6 / fps;
+        EXPECT_NEAR(static_cast<double>(arrivals[k].timestamp - arrivals[k - 1].timestamp), expected, 1000.0)
+            << "list " << k;
+    }
+}
+
+// A sink that keeps the camera waiting makes it drop the frames in between, and a new frame
+// rate takes effect while streaming. (Lists a second against the clock are make bench's.)
+TEST_F(CameraTest, StampsFollowTheFrameRateAndASlowSinkMakesTheCameraDropFrames) {
+    RecordingSink sink;
+    std::atomic<bool> slow{true};
+    sink.onFrames = [&](const std::shared_ptr<LumoraFrameList>&) {
+        if (slow) std::this_thread::sleep_for(25ms);  // three frame periods
+    };
+    const auto camera = open(1);
+    ASSERT_TRUE(stream(sink, camera, LumoraFrame::FRAME_DEPTH));
+    ASSERT_TRUE(sink.arrivals.waitFor(11));
+    slow = false;
+    const std::size_t atChange = sink.arrivals.size();
+    ASSERT_EQ(camera->setProperty(make_property_64f("framerate", 15.0)), RESULT_SUCCESS);
+    // One list may already be on its way at the old rate; measure from the one after.
+    const std::size_t from = sink.arrivals.size() + 2;
+    ASSERT_TRUE(sink.arrivals.waitFor(from + 6));
+    sink.close(camera);
+    const auto arrivals = sink.arrivals.all();
+    EXPECT_GE(arrivals[10].frameNumber - arrivals[0].frameNumber, 10U * 2);
+    expect_sensor_clock(arrivals, 0, atChange, 120.0);
+    expect_sensor_clock(arrivals, from, arrivals.size(), 15.0);
+}
+
 TEST_F(CameraTest, ListsHeldBySinksAreNotRewritten) {
     RecordingSink sink(3);  // its copies show what the held parts were
     const auto camera = open(0);
@@ -380,9 +407,7 @@ TEST_F(CameraTest, ListsHeldBySinksAreNotRewritten) {
         if (seen == 2) heldLine = std::get<1>(list->at(0)->getProperty("embedded_data_line"));
         ++seen;
     };
-    ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
-    ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-    ASSERT_EQ(camera->run(static_cast<int>(kAllTypes)), RESULT_SUCCESS);
+    ASSERT_TRUE(stream(sink, camera, kAllTypes));
     // Enough lists that a pool of reusable ones would have come round to the held ones.
     ASSERT_TRUE(sink.arrivals.waitFor(16));
     {
@@ -431,9 +456,7 @@ TEST_F(CameraTest, PublishedCalibrationDescribesTheDeliveredPointCloud) {
         ASSERT_EQ(camera->getDistortionCoefficients(0, distortion), RESULT_SUCCESS);
         ASSERT_EQ(camera->getIntrinsicParameters(0, intrinsics), RESULT_SUCCESS);
 
-        ASSERT_EQ(sink.watch(camera), RESULT_SUCCESS);
-        ASSERT_EQ(camera->prepare(), RESULT_SUCCESS);
-        ASSERT_EQ(camera->run(LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_POINTCLOUD), RESULT_SUCCESS);
+        ASSERT_TRUE(stream(sink, camera, LumoraFrame::FRAME_DEPTH | LumoraFrame::FRAME_POINTCLOUD));
         ASSERT_TRUE(sink.kept.waitFor(1));
         sink.close(camera);
         const auto list = sink.kept.all().front();
@@ -483,6 +506,132 @@ TEST_F(CameraTest, InjectedFrameListsAndErrorsReachTheSinks) {
     // Rendered lists go on around it, in their own numbering.
     EXPECT_EQ(kept.back()->size(), 2U);
     EXPECT_LT(kept.back()->frameNumber(), 777777U);
+}
+
+// --- Devices plugged in and unplugged while the library runs.
+
+struct Announcement {
+    bool attached;
+    std::string uri;
+    std::string name;
+    std::string serialNumber;
+    std::thread::id thread;
+};
+
+// What a source listener hears, from its construction to its destruction.
+struct SourceLog : LumoraSource::Listener, Recorded<Announcement> {
+    SourceLog() { EXPECT_EQ(add_source_listener(this), RESULT_SUCCESS); }
+    ~SourceLog() override { remove_source_listener(this); }
+    SourceLog(const SourceLog&) = delete;
+    SourceLog& operator=(const SourceLog&) = delete;
+
+    std::function<void(LumoraSource*)> onAttached;  // runs inside the callback
+    void onAttachedLumoraSource(LumoraSource* source) override {
+        if (onAttached) onAttached(source);
+        record(true, source);
+    }
+    void onDetachedLumoraSource(LumoraSource* source) override { record(false, source); }
+    void record(bool attached, LumoraSource* source) {
+        add({attached, source->uri(), source->name(), source->serialNumber(), std::this_thread::get_id()});
+    }
+};
+
+Result attach(const std::string& entry) { return set_property(make_property_string("sim_attach", entry)); }
+Result detach(int number) { return set_property(make_property_32s("sim_detach", number)); }
+
+TEST_F(CameraTest, AttachedDeviceIsAnnouncedOnALibraryThreadAndCanBeOpened) {
+    SourceLog log;
+    EXPECT_EQ(add_source_listener(&log), RESULT_ALREADY_EXISTS);
+    EXPECT_EQ(add_source_listener(nullptr), RESULT_INVALID_PARAMETER);
+    // A listener may open the new device from its callback.
+    std::shared_ptr<LumoraCamera> opened;
+    log.onAttached = [&](LumoraSource* source) {
+        if (!opened) opened = create_camera(search_camera_source()->find(source->uri()));
+    };
+    ASSERT_EQ(attach("QRX100A:320x240@15"), RESULT_SUCCESS);
+    ASSERT_TRUE(log.waitFor(1));
+    const auto first = log.all().front();
+    EXPECT_TRUE(first.attached);
+    EXPECT_NE(first.thread, std::this_thread::get_id());
+    EXPECT_EQ(search_camera_source()->find("sim:3")->serialNumber(), first.serialNumber);
+    EXPECT_NE(mSources->at(0)->serialNumber(), first.serialNumber);
+    const std::string devices = std::get<1>(get_property("sim_devices"))->getString("");
+    EXPECT_NE(devices.find("QRX100A:320x240@15"), std::string::npos) << devices;
+    ASSERT_NE(opened, nullptr);
+    EXPECT_EQ(opened->source()->uri(), "sim:3");
+    EXPECT_EQ(std::get<1>(opened->getProperty("width"))->getInt32(), 320);
+    EXPECT_DOUBLE_EQ(std::get<1>(opened->getProperty("framerate"))->getDouble(), 15.0);
+    EXPECT_EQ(destroy_camera(opened), RESULT_SUCCESS);
+
+    // Malformed entries plug in nothing and use up no number.
+    EXPECT_EQ(attach("QRX100A:1x1"), RESULT_INVALID_PARAMETER);
+    EXPECT_EQ(attach(""), RESULT_INVALID_PARAMETER);
+    ASSERT_EQ(attach("T100K"), RESULT_SUCCESS);
+    ASSERT_TRUE(log.waitFor(2));
+    const auto second = log.all()[1];
+    EXPECT_EQ(second.uri, "sim:4");
+    EXPECT_EQ(second.name, "T100K");
+    EXPECT_EQ(second.thread, first.thread) << "announcements come from one library thread";
+}
+
+TEST_F(CameraTest, DetachedDeviceIsGoneAndRemovedListenersHearNothingMore) {
+    SourceLog log;
+    SourceLog removed;
+    const auto stale = mSources->at(1);
+    ASSERT_EQ(detach(1), RESULT_SUCCESS);
+    ASSERT_TRUE(log.waitFor(1) && removed.waitFor(1));
+    const auto gone = log.all().front();
+    EXPECT_FALSE(gone.attached);
+    EXPECT_EQ(gone.uri, "sim:1");
+    EXPECT_EQ(gone.name, "QRX200AP");
+    EXPECT_EQ(gone.serialNumber, stale->serialNumber());
+    EXPECT_NE(gone.thread, std::this_thread::get_id());
+    ASSERT_EQ(remove_source_listener(&removed), RESULT_SUCCESS);
+    EXPECT_EQ(remove_source_listener(&removed), RESULT_NOT_FOUND);
+
+    EXPECT_EQ(search_camera_source()->size(), 2U);
+    EXPECT_EQ(search_camera_source()->find("sim:1"), nullptr);
+    EXPECT_EQ(stale->uri(), "sim:1") << "the source object stays valid";
+    EXPECT_EQ(detach(1), RESULT_NO_SUCH_DEVICE);
+    EXPECT_EQ(detach(99), RESULT_NO_SUCH_DEVICE);
+    // Listeners are told one after another on one thread: once the remaining one has heard the
+    // last announcement, the removed one would have heard the one before.
+    ASSERT_EQ(detach(2), RESULT_SUCCESS);
+    ASSERT_EQ(detach(0), RESULT_SUCCESS);
+    ASSERT_TRUE(log.waitFor(3));
+    EXPECT_EQ(removed.size(), 1U);
+}
+
+// The answers of an unplugged camera that the shell's commands do not show.
+TEST_F(CameraTest, UnpluggedCameraIsStoppedAndReleasedAndOnlyARunningOneReportsTheLoss) {
+    RecordingSink running;
+    RecordingSink prepared;
+    const auto camera = open(0);
+    const auto idle = open(1);
+    ASSERT_EQ(prepared.watch(idle), RESULT_SUCCESS);
+    ASSERT_EQ(idle->prepare(), RESULT_SUCCESS);
+    ASSERT_TRUE(stream(running, camera, LumoraFrame::FRAME_DEPTH));
+    ASSERT_TRUE(running.arrivals.waitFor(2));
+
+    ASSERT_EQ(detach(0), RESULT_SUCCESS);
+    const std::size_t framesAtUnplug = running.arrivals.size();
+    ASSERT_EQ(detach(1), RESULT_SUCCESS);
+    ASSERT_TRUE(running.events.waitFor(5));
+    ASSERT_TRUE(prepared.events.waitFor(2));
+    EXPECT_EQ(camera->state(), LumoraCamera::STATE_NOT_PREPARED);
+    EXPECT_EQ(camera->prepare(), RESULT_NO_SUCH_DEVICE);
+    EXPECT_EQ(camera->release(), RESULT_NO_SUCH_DEVICE);
+    EXPECT_EQ(camera->setProperty(make_property_32s("amplitude_threshold", 20)), RESULT_NO_SUCH_DEVICE);
+    EXPECT_EQ(std::get<0>(camera->getProperty("width")), RESULT_NO_SUCH_DEVICE);
+    EXPECT_EQ(std::get<0>(camera->getProperties("fw_info")), RESULT_NO_SUCH_DEVICE);
+    RecordingSink late;
+    EXPECT_EQ(camera->addSink(&late), RESULT_NO_SUCH_DEVICE);
+
+    running.close(camera);
+    prepared.close(idle);
+    EXPECT_EQ(running.arrivals.size(), framesAtUnplug) << "frames after the device was unplugged";
+    EXPECT_EQ(running.events.all(), (Events{"state 1", "state 3", "error 10", "state 2", "state 0"}));
+    EXPECT_EQ(prepared.events.all(), (Events{"state 1", "state 0"}));
 }
 
 }  // namespace

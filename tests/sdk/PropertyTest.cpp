@@ -23,24 +23,11 @@ std::vector<std::string> settings_text(const std::shared_ptr<LumoraCamera>& came
     return text;
 }
 
-TEST(PropertyValue, MadePropertiesHoldTheirTypedValueAndCloneDeeply) {
-    const auto number = make_property_32s("count", -7);
-    EXPECT_EQ(number->dataType(), DATA_TYPE_INT32);
-    EXPECT_EQ(number->size(), sizeof(std::int32_t));
-    EXPECT_EQ(number->getInt32(), -7);
-    EXPECT_EQ(number->toString(), "-7");
-    EXPECT_FALSE(number->isReadOnly());
-    // A getter of another type gives the caller's default.
-    EXPECT_DOUBLE_EQ(number->getDouble(1.5), 1.5);
-    const auto real = make_property_64f("rate", 2.5);
-    EXPECT_EQ(real->dataType(), DATA_TYPE_FLOAT64);
-    EXPECT_DOUBLE_EQ(real->getDouble(), 2.5);
-    EXPECT_DOUBLE_EQ(std::strtod(real->toString().c_str(), nullptr), 2.5);
-    const auto flag = make_property_bool("on", true);
-    EXPECT_EQ(flag->dataType(), DATA_TYPE_BOOL);
-    EXPECT_TRUE(flag->getBool());
-    EXPECT_EQ(flag->toString(), "1");
-    EXPECT_EQ(make_property_bool("off", false)->toString(), "0");
+// (Numbers and flags as a camera reads them back, and clones of byte blocks, are
+// CameraProperties' and CopyFrameList's.)
+TEST(PropertyValue, TextAndBytesHoldTheirValueAndOtherTypesGiveTheDefault) {
+    EXPECT_DOUBLE_EQ(make_property_32s("count", -7)->getDouble(1.5), 1.5);
+    EXPECT_EQ(make_property_bool("on", true)->getInt32(3), 3);
     const auto text = make_property_string("name", "hello");
     EXPECT_EQ(text->dataType(), DATA_TYPE_STRING);
     EXPECT_EQ(std::string(static_cast<const char*>(text->data()), text->size()), "hello");
@@ -51,15 +38,9 @@ TEST(PropertyValue, MadePropertiesHoldTheirTypedValueAndCloneDeeply) {
     EXPECT_EQ(block->getBytes(), bytes);
     ASSERT_EQ(block->size(), bytes.size());
     EXPECT_EQ(std::memcmp(block->data(), bytes.data(), bytes.size()), 0);
-
-    for (const auto& original : {number, real, flag, text, block}) {
-        const auto copy = original->clone();
-        EXPECT_EQ(copy->key(), original->key());
-        EXPECT_EQ(copy->dataType(), original->dataType());
-        ASSERT_EQ(copy->size(), original->size());
-        EXPECT_NE(copy->data(), original->data());
-        EXPECT_EQ(std::memcmp(copy->data(), original->data(), copy->size()), 0) << original->key();
-    }
+    const auto copy = text->clone();
+    EXPECT_NE(copy->data(), text->data());
+    EXPECT_EQ(copy->getString(""), "hello");
 }
 
 TEST(PropertyCollection, KeepsDistinctKeysInOrder) {
@@ -255,11 +236,9 @@ TEST_F(CameraProperties, FreeFunctionsActOnTheLastCreatedOpenCamera) {
     EXPECT_EQ(read(first, "amplitude_threshold")->getInt32(), threshold);
     EXPECT_EQ(std::get<1>(get_property("model"))->getString(""), "QRX200AP");
     EXPECT_EQ(std::get<1>(get_property("amplitude_threshold"))->getInt32(), threshold + 40);
-    // The camera's refusals come through unchanged.
-    EXPECT_EQ(set_property(make_property_32s("width", 10)), RESULT_INVALID_OPERATION);
+    // The camera's refusals come through unchanged (more of them through the shell's "set":
+    // tests/e2e/commands.sh).
     EXPECT_EQ(set_property(make_property_32s("amplitude_threshold", 70000)), RESULT_OUT_OF_RANGE);
-    EXPECT_EQ(set_property(make_property_32s("no_such_key", 1)), RESULT_NOT_SUPPORTED);
-    EXPECT_EQ(std::get<0>(get_property("no_such_key")), RESULT_NOT_SUPPORTED);
 
     EXPECT_EQ(destroy_camera(second), RESULT_SUCCESS);
     EXPECT_EQ(destroy_camera(first), RESULT_SUCCESS);

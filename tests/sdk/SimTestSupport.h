@@ -157,21 +157,29 @@ protected:
         EXPECT_NE(camera, nullptr);
         return camera;
     }
+    // Has `sink` watch the camera, then prepares it and runs it with `mask`; false when any
+    // of them is refused.
+    static bool stream(RecordingSink& sink, const std::shared_ptr<LumoraCamera>& camera, std::uint32_t mask) {
+        return sink.watch(camera) == RESULT_SUCCESS && camera->prepare() == RESULT_SUCCESS &&
+               camera->run(static_cast<int>(mask)) == RESULT_SUCCESS;
+    }
 
     std::shared_ptr<LumoraSourceList> mSources;
 };
 
+// The frame's embedded data line; none is empty.
+inline std::vector<std::uint8_t> line_of(const LumoraFrame& frame) {
+    const auto property = std::get<1>(frame.getProperty("embedded_data_line"));
+    return property ? property->getBytes() : std::vector<std::uint8_t>{};
+}
+
 // Same size, stamps, data type, planes and embedded data line.
 inline bool same_frame(const LumoraFrame& delivered, const sim::SimFrame& expected) {
-    const auto line = [](const LumoraFrame& frame) {
-        const auto property = std::get<1>(frame.getProperty("embedded_data_line"));
-        return property ? property->getBytes() : std::vector<std::uint8_t>{};
-    };
     return delivered.width() == expected.width() && delivered.height() == expected.height() &&
            delivered.frameNumber() == expected.frameNumber() && delivered.timestamp() == expected.timestamp() &&
            delivered.dataType() == expected.dataType() &&
            std::memcmp(delivered.data(), expected.data(), expected.byteSize()) == 0 &&
-           line(delivered) == line(expected);
+           line_of(delivered) == line_of(expected);
 }
 
 // Checks a point cloud against its depth in millimetres and the lens model: a missing pixel is

@@ -18,7 +18,6 @@ set -- "$BUILD/shell/lumora-shell"
 source "$(dirname "$(realpath "$0")")/../e2e/web_lib.sh"
 SOAK_DIR=$(dirname "$(realpath "$0")")
 MINUTES=${SOAK_MINUTES:-10}
-LMR_BIN=$BUILD/lmr/lmr
 
 # What "flat" means: from the second minute on, the descriptors and threads at each
 # checkpoint (the VGA camera streaming mask 30, no dump, no stress test, 3 s after its
@@ -47,15 +46,15 @@ TICKS=$(getconf CLK_TCK)
 soak_cleanup() {
   [ -n "$WATCHER_PID" ] && kill "$WATCHER_PID" 2>/dev/null && wait "$WATCHER_PID" 2>/dev/null || true
   [ -n "$SHELL_PID" ] && kill -9 "$SHELL_PID" 2>/dev/null || true
-  [ -n "${SOAK_KEEP:-}" ] && cp "$WORKDIR/out" "$SOAK_KEEP" 2>/dev/null || true
+  [ -n "${SOAK_KEEP:-}" ] && cat "$OUT" "$WORKDIR/err" >"$SOAK_KEEP" 2>/dev/null || true
   cleanup
 }
 trap soak_cleanup EXIT
 # A shell that died must fail the soak with a message, not end the script through SIGPIPE.
 trap '' PIPE
-say() { echo "$1" >&8 || fail "the shell no longer reads its input (sending \"$1\")"; }
+say() { printf '%s\n' "$@" >&8 || fail "the shell no longer reads its input (sending \"$*\")"; }
 alive() { kill -0 "$SHELL_PID" 2>/dev/null; }
-out_size() { stat -c %s "$WORKDIR/out"; }
+out_size() { stat -c %s "$OUT"; }
 elapsed() { echo $((SECONDS - START)); }
 time_left() { echo $((MINUTES * 60 - (SECONDS - START))); }
 
@@ -66,30 +65,18 @@ threads() { find "/proc/$SHELL_PID/task" -mindepth 1 -maxdepth 1 2>/dev/null | w
 cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$SHELL_PID/stat"; }
 
 sanitizer_reports() {
-  grep -cE 'ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:|SUMMARY: [A-Za-z]+Sanitizer' \
-    "$WORKDIR/out" || true
+  cat "$OUT" "$WORKDIR/err" 2>/dev/null |
+    grep -acE 'ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:|SUMMARY: [A-Za-z]+Sanitizer' || true
 }
 
 # The renderer's last "N lists drawn, M dropped at the queue, FPS; D lists delivered" (its
 # counts since the start, logged at each stop): "D N M".
 renderer_counts() {
   sed -n 's/.*: \([0-9]*\) lists drawn, \([0-9]*\) dropped at the queue, .*; \([0-9]*\) lists delivered.*/\3 \1 \2/p' \
-    "$WORKDIR/out" | tail -1
+    "$OUT" | tail -1
 }
 # The watcher's last line: the page's live status and the pictures it decoded per view.
-page_state() {
-  tail -1 "$WORKDIR/watch" 2>/dev/null | python3 -c '
-import json, sys
-try:
-    s = json.loads(sys.stdin.read())
-except ValueError:
-    print("no page yet"); sys.exit()
-views = {"1": "depth", "2": "amplitude", "3": "cloud", "4": "ipcl-depth", "5": "ipcl-amplitude"}
-pictures = " ".join(f"{views.get(k, k)} {v}" for k, v in sorted(s.get("pictures", {}).items()))
-status = s.get("status", "").split(" · ")[-1]
-closed = s.get("closed")
-print(f"{status}; decoded {pictures}" + (f"; closed: {closed}" if closed else ""))'
-}
+page_state() { tail -1 "$WORKDIR/watch" 2>/dev/null | grep . || echo "no page yet"; }
 
 # Each minute: the figures of the minute.
 tick() {
@@ -150,7 +137,7 @@ step() {
   await "$STEP_BOUND" "no answer to \"$1\"" more_than "$VERSION_LINE" "$before"
   took=$((SECONDS - started))
   ((took > MAX_ANSWER)) && MAX_ANSWER=$took
-  STEP_OUT=$(tail -c +$((offset + 1)) "$WORKDIR/out" | tr -d '\r')
+  STEP_OUT=$(tail -c +$((offset + 1)) "$OUT" | tr -d '\r')
   [ -z "${2:-}" ] || [[ "$STEP_OUT" == *"$2"* ]] || fail "\"$1\" answered: $(tail -c 400 <<<"$STEP_OUT")"
 }
 
@@ -186,7 +173,7 @@ replug() {
   before=$(out_count "onAttachedLumoraSource(")
   step "set sim_attach QRX100A:640x480@30" "-> result : success"
   await 30 "no onAttachedLumoraSource after sim_attach" more_than "onAttachedLumoraSource(" "$before"
-  CAMERA=$(grep -ao 'onAttachedLumoraSource(sim:[0-9]*)' "$WORKDIR/out" | tail -1 | sed 's/.*(\(.*\))/\1/')
+  CAMERA=$(grep -ao 'onAttachedLumoraSource(sim:[0-9]*)' "$OUT" | tail -1 | sed 's/.*(\(.*\))/\1/')
   select_camera "$CAMERA"
   step "run 30" "-> result : success"
   checkpoint
@@ -215,7 +202,7 @@ replay() {
   logged=$(out_count "lists delivered")
   step stop "-> result : success"
   await 10 "no renderer counts after stop" more_than "lists delivered" "$logged"
-  grep -a "lists delivered" "$WORKDIR/out" | tail -1 | grep -qE 'check error\(([2-9]|[1-9][0-9]+)\) : ' ||
+  grep -a "lists delivered" "$OUT" | tail -1 | grep -qE 'check error\(([2-9]|[1-9][0-9]+)\) : ' ||
     fail "the frame-rate band the camera misses counted no errors"
   step "set fps_error_check off" "-> result : success"
   step deselect "-> result : success"
@@ -240,8 +227,8 @@ dump() {
   # 300 lists take 10 s at 30 fps; under ThreadSanitizer the camera may deliver 2 a second.
   await 600 "no end of the mode $mode dump" more_than "Frame dump finished!" "$finished"
   await 30 "no account of the mode $mode dump" more_than "records written," "$summaries"
-  file=$(ls -t "$WORKDIR"/QRX100A_*_framedump_*.lmr | head -1)
-  read -r asked taken written dropped without lines < <(grep -a "records written," "$WORKDIR/out" | tail -1 |
+  file=$(dump_file)
+  read -r asked taken written dropped without lines < <(grep -a "records written," "$OUT" | tail -1 |
     sed 's/.*dump of \([0-9]*\) lists, \([0-9]*\) taken when the writer ended: \([0-9]*\) records written, \([0-9]*\) lists dropped at the queue, \([0-9]*\) without .* frame, \([0-9]*\) without.*/\1 \2 \3 \4 \5 \6/')
   info=$("$LMR_BIN" info "$file" 2>&1) || true
   found=$(sed -n 's/^ *records *\([0-9]*\) found, [0-9]* announced.*/\1/p' <<<"$info")
@@ -280,24 +267,21 @@ stress() {
 # --- the recording for the replay device: 60 lists of depth and amplitude ---
 echo "soak: $MINUTES minutes, build $BUILD, $(nproc) cores, load $(cut -d' ' -f1-3 /proc/loadavg)"
 start_piped "QRX100A:640x480@30" 0
-await 10 "no output of the shell" test -e "$WORKDIR/out"
-say search
-say "select 0"
-say "run 6"
-wait_results 1
+say search "select 0" "run 6"
+wait_out "-> result : success" 1
 say "set frame_dump 1 60"
 await 60 "no recording for the replay device" out_has "Frame dump finished!"
 say stop
 end_piped
 mkdir -p "$WORKDIR/replay"
-mv "$WORKDIR"/QRX100A_*_framedump_*.lmr "$WORKDIR/replay/recording.lmr"
+mv "$(dump_file)" "$WORKDIR/replay/recording.lmr"
 
 # --- the soak ---
 start_piped "QRX100A:640x480@30,replay:$WORKDIR/replay/recording.lmr" 1
 say "set log_level 3"
 say version
-await 30 "no answer to \"version\"" grep -qE 'v[0-9.]+ : [0-9-]+$' "$WORKDIR/out"
-VERSION_LINE=$(grep -m1 -oE 'v[0-9.]+ : [0-9-]+$' "$WORKDIR/out")
+await 30 "no answer to \"version\"" grep -qE 'v[0-9.]+ : [0-9-]+$' "$OUT"
+VERSION_LINE=$(grep -m1 -oE 'v[0-9.]+ : [0-9-]+$' "$OUT")
 start_web
 /usr/bin/python3 "$SOAK_DIR/watch.py" "$URL" "$WORKDIR/watch" 2>"$WORKDIR/watch.err" &
 WATCHER_PID=$!
@@ -327,7 +311,7 @@ wait "$WATCHER_PID" || FAILURES+=("the browser watcher failed: $(tail -3 "$WORKD
 WATCHER_PID=""
 end_piped
 reports=$(sanitizer_reports)
-((reports == 0)) || FAILURES+=("$reports sanitizer report lines: $(grep -m3 -E 'Sanitizer|runtime error:' "$WORKDIR/out")")
+((reports == 0)) || FAILURES+=("$reports sanitizer report lines: $(grep -m3 -E 'Sanitizer|runtime error:' "$WORKDIR/err")")
 
 # --- flat ---
 echo "  checkpoints (s: RSS MiB/descriptors/threads): $(for i in "${!CP_RSS[@]}"; do printf '%s: %s/%s/%s  ' "${CP_MIN[i]}" "${CP_RSS[i]}" "${CP_FD[i]}" "${CP_THR[i]}"; done)"

@@ -1,7 +1,7 @@
 """One watcher of the web view for the soak: a headless chromium (tests/e2e/browser.py) on
-the page at URL. Every 5 s it appends a line to OUT: seconds since start, the pictures the
-page decoded per view, the page's status line and why its socket closed, if it did. Ends,
-closing the browser, on SIGTERM. Usage: watch.py URL OUT"""
+the page at URL. Every 5 s it appends a line to OUT: the end of the page's status line, the
+pictures it decoded per view, and why its socket closed, if it did. Ends, closing the
+browser, on SIGTERM. Usage: watch.py URL OUT"""
 import json
 import os
 import signal
@@ -12,6 +12,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 from browser import Browser  # noqa: E402
 
 stopping = False
+VIEWS = {"1": "depth", "2": "amplitude", "3": "cloud", "4": "ipcl-depth", "5": "ipcl-amplitude"}
 
 
 def stop(*_):
@@ -21,15 +22,16 @@ def stop(*_):
 
 def main(url, out):
     signal.signal(signal.SIGTERM, stop)
-    start = time.time()
     with Browser() as browser, open(out, "a", buffering=1) as log:
         if browser.open(url) != 200:
-            log.write(json.dumps({"error": "the page was not served"}) + "\n")
+            log.write("the page was not served\n")
             return 1
         while not stopping:
-            state = browser.evaluate("JSON.stringify({pictures: lumora.pictures, closed: lumora.closed,"
-                                     " status: document.getElementById('status').textContent})")
-            log.write(json.dumps({"seconds": round(time.time() - start), **json.loads(state)}) + "\n")
+            state = json.loads(browser.evaluate("JSON.stringify({pictures: lumora.pictures, closed: lumora.closed,"
+                                                " status: document.getElementById('status').textContent})"))
+            pictures = " ".join(f"{VIEWS.get(k, k)} {v}" for k, v in sorted(state.get("pictures", {}).items()))
+            closed = f"; closed: {state['closed']}" if state.get("closed") else ""
+            log.write(f"{state.get('status', '').split(' · ')[-1]}; decoded {pictures}{closed}\n")
             for _ in range(50):
                 if stopping:
                     break

@@ -1,5 +1,5 @@
 // What the web view parses and computes on its own: request targets and who may reach them,
-// the page's messages, the token, the value read under a click, and the picture encodings.
+// the page's messages, the token, and the picture encodings.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -10,20 +10,13 @@
 
 #include <opencv2/imgcodecs.hpp>
 
-#include <halden/sensor/sim/SimControl.h>
-
 #include "PageMessage.h"
 #include "PictureEncoder.h"
 #include "Routes.h"
 #include "Token.h"
-#include "imaging/Readout.h"
-#include "imaging/View.h"
 
 namespace lumora::web {
 namespace {
-
-namespace hs = halden::sensor;
-using imaging::readValue;
 
 const std::string kToken = "0123456789abcdef0123456789abcdef";
 
@@ -94,57 +87,6 @@ TEST(Token, HoldsAHundredAndTwentyEightRandomBits) {
     EXPECT_TRUE(sameToken(kToken, kToken));
     EXPECT_FALSE(sameToken(kToken.substr(1), kToken));
     EXPECT_FALSE(sameToken("", ""));
-}
-
-std::shared_ptr<hs::LumoraFrame> frame(hs::LumoraFrame::FrameType type, hs::DataType dataType, int width, int height,
-                                       const std::vector<float>& values) {
-    auto made = hs::sim::make_frame(type, dataType, width, height, 1, 4242);
-    void* data = hs::sim::frame_data(made);
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        if (dataType == hs::DATA_TYPE_UINT16)
-            static_cast<std::uint16_t*>(data)[i] = static_cast<std::uint16_t>(values[i]);
-        else
-            static_cast<float*>(data)[i] = values[i];
-    }
-    return made;
-}
-
-TEST(Readout, ReadsTheFramePixelUnderAScaledPicturePoint) {
-    constexpr std::size_t kPixels = std::size_t{8} * 6;
-    std::vector<float> depth(kPixels);
-    for (std::size_t i = 0; i < depth.size(); ++i)
-        depth[i] = static_cast<float>(1000 + i);
-    std::vector<float> amplitude(kPixels, 2.6F);
-    amplitude[13] = 70000.0F;
-    std::vector<float> cloud(3 * kPixels);
-    cloud[2 * 48 + 8 + 1] = 1.2345F;  // z of column 1, row 1
-    const auto list =
-        hs::sim::make_frame_list({frame(hs::LumoraFrame::FRAME_DEPTH, hs::DATA_TYPE_UINT16, 8, 6, depth),
-                                  frame(hs::LumoraFrame::FRAME_AMPLITUDE, hs::DATA_TYPE_FLOAT32, 8, 6, amplitude),
-                                  frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_FLOAT32, 8, 6, cloud)});
-
-    // A picture of half the frame's size: point (3, 2) is frame column 6, row 4.
-    const auto d = readValue(list, imaging::kDepth, 3, 2, 4, 3);
-    ASSERT_TRUE(d);
-    EXPECT_EQ(d->column, 6);
-    EXPECT_EQ(d->row, 4);
-    EXPECT_EQ(d->value, 1000 + 4 * 8 + 6);
-    EXPECT_EQ(d->timestamp, 4242U);
-    EXPECT_EQ(d->text, "  x:6, y:4, d:1038");
-    EXPECT_EQ(readValue(list, imaging::kAmplitude, 0, 0, 8, 6)->value, 3);
-    EXPECT_EQ(readValue(list, imaging::kAmplitude, 5, 1, 8, 6)->value, 65535);
-    EXPECT_EQ(readValue(list, imaging::kAmplitude, 0, 0, 8, 6)->letter, 'a');
-    const auto z = readValue(list, imaging::kPointCloud, 1, 1, 8, 6);
-    ASSERT_TRUE(z);
-    EXPECT_EQ(z->value, 1234);
-    EXPECT_EQ(z->text, "  x:1, y:1, z:1234");
-
-    EXPECT_FALSE(readValue(list, imaging::kDepth, 4, 0, 4, 3));
-    EXPECT_FALSE(readValue(list, imaging::kDepth, 0, -1, 4, 3));
-    EXPECT_FALSE(readValue(list, imaging::kDepth, 0, 0, 0, 3));
-    EXPECT_FALSE(readValue(list, imaging::kIntensityDepth, 0, 0, 8, 6));
-    EXPECT_FALSE(readValue(list, imaging::kFramerate, 0, 0, 8, 6));
-    EXPECT_FALSE(readValue(nullptr, imaging::kDepth, 0, 0, 8, 6));
 }
 
 TEST(PictureEncoder, KeepsTheColoursInTheirChannels) {
