@@ -27,16 +27,14 @@ def check_page(url):
         if browser.open(url) != 200:
             fail("the page with the token was not served")
         browser.wait("lumora.pictures[1] >= 5 && lumora.pictures[2] >= 5", "no Depth and Amplitude pictures")
-        first = browser.evaluate("JSON.stringify([lumora.pictures, lumora.shown])")
-        time.sleep(1)
-        second = browser.evaluate("[lumora.pictures[1], lumora.shown[1].timestamp]")
-        before = browser.evaluate(f"[{first}][0][0][1]")
-        if second[0] < before + 10:
-            fail(f"the Depth picture did not update: {before} then {second[0]} in a second")
+        before = browser.evaluate("[lumora.pictures[1], lumora.shown[1].timestamp]")
+        # Pictures that keep coming, of newer frames; how fast is make bench's.
+        browser.wait(f"lumora.pictures[1] >= {before[0] + 3} && lumora.shown[1].timestamp > {before[1]}",
+                     "the Depth picture did not update")
         status = browser.evaluate("document.getElementById('status').textContent")
         if "QRX100A" not in status or "mask 6" not in status:
             fail(f"status line \"{status}\"")
-        print(f"page: {second[0] - before} Depth pictures in a second; status \"{status}\"")
+        print(f"page: the Depth picture updates; status \"{status}\"")
 
 
 def check_click(url, recording):
