@@ -1,5 +1,6 @@
-// Design note: any thread posts a task and waits for it; the GUI thread, started on the
-// first post, runs the tasks one at a time in the order posted. It never ends: highgui
+// Design note: any thread posts a task and waits for it, at once or later (the render thread
+// converts the next list while its last one is shown); the GUI thread, started on the first
+// post, runs the tasks one at a time in the order posted. It never ends: highgui
 // cannot move to another thread, so the thread and its queue are made once and never freed.
 //
 // Exit: std::exit destroys Qt's static objects on the exiting thread while this thread may
@@ -22,6 +23,7 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 // Before Xlib, whose macros (Bool, Status) break Qt's headers.
 #include <QPixmapCache>
@@ -73,20 +75,31 @@ void logQtMessage(QtMsgType type, const QMessageLogContext& /*context*/, const Q
     }
 }
 
+// A task and whether it has run; `done` is guarded by the GUI thread's mutex.
+struct Job final : GuiTask {
+    explicit Job(std::function<void()> work) : task(std::move(work)) {}
+    void wait() override;
+
+    const std::function<void()> task;
+    bool done = false;
+};
+
 class GuiThread {
 public:
     GuiThread() : mThread([this] { loop(); }) { mThread.detach(); }
 
-    bool run(const std::function<void()>& task) {
-        Job job{&task, false};
-        std::unique_lock<std::mutex> lock(mMutex);
-        if (mClosing.load()) return false;
-        // The GUI thread pops the job before it sets `done`, which alone lets this frame end.
-        // cppcheck-suppress danglingLifetime
-        mTasks.push_back(&job);
+    std::shared_ptr<Job> post(std::function<void()> task) {
+        auto job = std::make_shared<Job>(std::move(task));
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mClosing.load()) return nullptr;
+        mTasks.push_back(job);
         mPosted.notify_one();
+        return job;
+    }
+
+    void wait(const Job& job) {
+        std::unique_lock<std::mutex> lock(mMutex);
         mDone.wait(lock, [&job] { return job.done; });
-        return true;
     }
 
     // The atexit hook, on the exiting thread. Only its first call acts, so that the exit as a
@@ -105,18 +118,12 @@ public:
             if (std::chrono::steady_clock::now() >= deadline) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        mTasks.push_back(&mCloseJob);
+        mTasks.push_back(mCloseJob);
         mPosted.notify_one();
-        mDone.wait_until(lock, deadline, [this] { return mCloseJob.done; });
+        mDone.wait_until(lock, deadline, [this] { return mCloseJob->done; });
     }
 
 private:
-    // A task of a waiting caller; it lives on the caller's stack until `done` is set.
-    struct Job {
-        const std::function<void()>* task;
-        bool done;
-    };
-
     [[noreturn]] void loop() {
         tOnGuiThread = true;
         qInstallMessageHandler(logQtMessage);
@@ -127,14 +134,14 @@ private:
         pthread_sigmask(SIG_BLOCK, &interactive, nullptr);
         std::uint64_t tasksRun = 0;
         for (;;) {
-            Job* job = nullptr;
+            std::shared_ptr<Job> job;
             {
                 std::unique_lock<std::mutex> lock(mMutex);
                 mPosted.wait(lock, [this] { return !mTasks.empty(); });
-                job = mTasks.front();
+                job = std::move(mTasks.front());
                 mTasks.pop_front();
             }
-            (*job->task)();
+            job->task();
             {
                 const std::lock_guard<std::mutex> lock(mMutex);
                 job->done = true;
@@ -152,11 +159,10 @@ private:
     std::mutex mMutex;
     std::condition_variable mPosted;
     std::condition_variable mDone;
-    std::deque<Job*> mTasks;
+    std::deque<std::shared_ptr<Job>> mTasks;
     std::atomic<bool> mClosing{false};
-    // Outlives any exiting thread's wait, which may give up before the job has run.
-    const std::function<void()> mCloseTask{closeHighgui};
-    Job mCloseJob{&mCloseTask, false};
+    // Made up front: the exiting thread must not allocate while another may hold the heap's lock.
+    const std::shared_ptr<Job> mCloseJob = std::make_shared<Job>(closeHighgui);
     std::thread mThread;
 };
 
@@ -169,6 +175,8 @@ GuiThread& guiThread() {
 }
 
 void closeDownAtExit() { guiThread().closeDown(); }
+
+void Job::wait() { guiThread().wait(*this); }
 
 }  // namespace
 
@@ -185,6 +193,14 @@ bool displayAvailable() {
     return available;
 }
 
-bool runOnGuiThread(const std::function<void()>& task) { return guiThread().run(task); }
+bool runOnGuiThread(const std::function<void()>& task) {
+    // The task is run by reference: this frame outlives it.
+    const auto job = guiThread().post([&task] { task(); });
+    if (!job) return false;
+    guiThread().wait(*job);
+    return true;
+}
+
+std::shared_ptr<GuiTask> postToGuiThread(std::function<void()> task) { return guiThread().post(std::move(task)); }
 
 }  // namespace lumora::display

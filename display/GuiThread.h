@@ -11,8 +11,18 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 
 namespace lumora::display {
+
+// A task posted to the GUI thread without waiting for it: postToGuiThread() makes it, the
+// poster waits for it when it must (before it touches what the task reads).
+class GuiTask {
+public:
+    virtual ~GuiTask() = default;
+    // Returns once the task has run.
+    virtual void wait() = 0;
+};
 
 // Any thread. Whether an X display can be reached: decided once per process, by opening and
 // closing a connection to $DISPLAY, before any highgui call.
@@ -24,5 +34,11 @@ bool displayAvailable();
 // task run on the GUI thread too, while a later task services the windows (cv::waitKey).
 // Exceptions must not leave `task`. Must only be called when displayAvailable() is true.
 bool runOnGuiThread(const std::function<void()>& task);
+
+// The same without waiting: queues `task` after the tasks posted before it and returns a
+// handle to wait on; null, without queueing it, once the exit has begun to close the GUI
+// thread down. Whatever `task` reads must stay valid and unchanged until it has run: the
+// close-down at exit runs the tasks queued before it, waiting at most its bounded time.
+std::shared_ptr<GuiTask> postToGuiThread(std::function<void()> task);
 
 }  // namespace lumora::display

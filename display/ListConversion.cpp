@@ -14,17 +14,25 @@ cv::Size shownSize(const std::shared_ptr<hs::LumoraFrame>& frame, cv::Size resol
     return imaging::displaySize({frame->width(), frame->height()}, resolution.width, resolution.height);
 }
 
+// The picture `pictures` held for `view`, its image kept for drawing over.
+WindowImage reuse(Pictures& pictures, int view) {
+    WindowImage reused;
+    for (auto& [held, picture] : pictures)
+        if (held == view) reused.image = std::move(picture.image);
+    return reused;
+}
+
 }  // namespace
 
-Pictures convertList(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection,
-                     imaging::ConversionContext& conversion, cv::Size resolution,
-                     const std::function<cv::Point(int view)>& readoutPoint) {
+void convertList(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection,
+                 imaging::ConversionContext& conversion, cv::Size resolution,
+                 const std::function<cv::Point(int view)>& readoutPoint, Pictures& pictures) {
     Pictures converted;
     const auto depth = hs::find_frame(list, hs::LumoraFrame::FRAME_DEPTH);
     const auto amplitude = hs::find_frame(list, hs::LumoraFrame::FRAME_AMPLITUDE);
     if (depth || amplitude) {
-        WindowImage depthImage;
-        WindowImage amplitudeImage;
+        WindowImage depthImage = reuse(pictures, imaging::kDepth);
+        WindowImage amplitudeImage = reuse(pictures, imaging::kAmplitude);
         imaging::convertDepthAmplitude(conversion, depth, amplitude, shownSize(depth ? depth : amplitude, resolution),
                                        readoutPoint(imaging::kDepth), readoutPoint(imaging::kAmplitude), depthImage,
                                        amplitudeImage);
@@ -40,15 +48,15 @@ Pictures convertList(const std::shared_ptr<hs::LumoraFrameList>& list, const Pro
             projection.intrinsics.fx > 0.0 ? projection : imaging::defaultProjection({frame->width(), frame->height()});
         Projection sized = lens;
         if (sized.size.width <= 0 || sized.size.height <= 0) sized.size = {frame->width(), frame->height()};
-        WindowImage depthImage;
-        WindowImage intensityImage;
+        WindowImage depthImage = reuse(pictures, depthView);
+        WindowImage intensityImage = reuse(pictures, imaging::kIntensityAmplitude);
         imaging::convertPointCloud(conversion, frame, sized, shownSize(frame, resolution), readoutPoint(depthView),
                                    readoutPoint(imaging::kIntensityAmplitude), depthImage,
                                    intensity ? &intensityImage : nullptr);
         converted.emplace_back(depthView, std::move(depthImage));
         if (intensity) converted.emplace_back(imaging::kIntensityAmplitude, std::move(intensityImage));
     }
-    return converted;
+    pictures = std::move(converted);
 }
 
 void publish(const DeliveredList& item, const Pictures& pictures, bool drawnNext, imaging::Status status,

@@ -1,12 +1,15 @@
 // Design note: the library's delivery thread produces copies of its frame lists into a
 // queue of four; the render thread, started on camera state 3, consumes them in order,
-// converts each into images (ListConversion.cpp) and hands them to the process's GUI thread,
+// converts each into images (ListConversion.cpp) and posts them to the process's GUI thread,
 // which shows them in the windows (WindowTable.cpp) and services the windows once per list.
-// A list that finds the queue full for 1 ms is dropped. Shutdown: states 2 and 0 (and
-// destruction) stop the queue, which wakes the render thread at once, clear `running` and
-// join the thread; the windows are then closed on the GUI thread.
+// The render thread converts the next list while the GUI thread shows the last: it keeps two
+// lists' images, and waits for the showing of one before it converts into it again. A list
+// that finds the queue full for 1 ms is dropped. Shutdown: states 2 and 0 (and destruction)
+// stop the queue, which wakes the render thread at once; it waits for the showing under way,
+// and is joined; the windows are then closed on the GUI thread.
 #include "display/OpenCVVideoRendererSink.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -55,14 +58,16 @@ struct OpenCVVideoRendererSink::Renderer {
     // Stops and joins the render thread, then drops the lists still queued.
     void stop();
     void loop(const Projection& projection);
-    // Adds to `latencies` the milliseconds from the list's delivery to the GUI thread's
-    // hand-over of its last image to the window system.
-    void drawList(const DeliveredList& item, const Projection& projection, ConversionContext& conversion,
-                  imaging::Publisher* publishTo, std::vector<double>& latencies);
+    // Converts the list into `draw` (over the images it holds from an earlier list),
+    // publishes the pictures, draws the read-out markers and posts the showing of `draw`.
+    std::shared_ptr<GuiTask> drawList(const DeliveredList& item, const Projection& projection,
+                                      ConversionContext& conversion, imaging::Publisher* publishTo,
+                                      WindowTable::Draw& draw);
     void readOutOnConsole(const std::shared_ptr<hs::LumoraFrameList>& list);
-    // The list's pictures at the display resolution, with the windows' read-out points.
-    Pictures convert(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection,
-                     ConversionContext& conversion);
+    // Replaces `pictures` with the list's pictures at the display resolution, with the
+    // windows' read-out points.
+    void convert(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection,
+                 ConversionContext& conversion, Pictures& pictures);
     std::string fpsText();
     // The frame-rate text and the lists drawn and dropped, for a published status.
     imaging::Status figures();
@@ -221,28 +226,31 @@ imaging::Status OpenCVVideoRendererSink::Renderer::figures() {
     return status;
 }
 
-Pictures OpenCVVideoRendererSink::Renderer::convert(const std::shared_ptr<hs::LumoraFrameList>& list,
-                                                    const Projection& projection, ConversionContext& conversion) {
+void OpenCVVideoRendererSink::Renderer::convert(const std::shared_ptr<hs::LumoraFrameList>& list,
+                                                const Projection& projection, ConversionContext& conversion,
+                                                Pictures& pictures) {
     const cv::Size resolution(displayWidth.load(), displayHeight.load());
-    return convertList(list, projection, conversion, resolution,
-                       [this](int view) { return windows.readoutPoint(view); });
+    convertList(
+        list, projection, conversion, resolution, [this](int view) { return windows.readoutPoint(view); }, pictures);
 }
 
-void OpenCVVideoRendererSink::Renderer::drawList(const DeliveredList& item, const Projection& projection,
-                                                 ConversionContext& conversion, imaging::Publisher* publishTo,
-                                                 std::vector<double>& latencies) {
+std::shared_ptr<GuiTask> OpenCVVideoRendererSink::Renderer::drawList(const DeliveredList& item,
+                                                                     const Projection& projection,
+                                                                     ConversionContext& conversion,
+                                                                     imaging::Publisher* publishTo,
+                                                                     WindowTable::Draw& draw) {
     const std::uint32_t rendered = gRenderedLists.fetch_add(1) + 1;
-    Pictures shown;
-    if (windows.has(imaging::kFramerate))
-        shown.emplace_back(imaging::kFramerate, imaging::WindowImage{imaging::framerateImage(fpsText()), {}, {}});
-    Pictures converted = convert(item.list, projection, conversion);
-    if (publishTo != nullptr) publish(item, converted, true, figures(), *publishTo);
-    for (auto& [view, picture] : converted) {
+    convert(item.list, projection, conversion, draw.pictures);
+    if (publishTo != nullptr) publish(item, draw.pictures, true, figures(), *publishTo);
+    for (auto& [view, picture] : draw.pictures)
         if (windows.has(view)) imaging::drawMarker(picture, windows.readoutPoint(view));
-        shown.emplace_back(view, std::move(picture));
-    }
-    const double latency = windows.show(shown, rendered > kTitleAfterLists, item.delivered);
-    if (latency >= 0.0 && latencies.size() < kMaxLatencies) latencies.push_back(latency);
+    if (windows.has(imaging::kFramerate))
+        draw.pictures.emplace(draw.pictures.begin(), imaging::kFramerate,
+                              imaging::WindowImage{imaging::framerateImage(fpsText()), {}, {}});
+    draw.titled = rendered > kTitleAfterLists;
+    draw.delivered = item.delivered;
+    draw.latency = -1.0;
+    return windows.show(draw);
 }
 
 void OpenCVVideoRendererSink::Renderer::readOutOnConsole(const std::shared_ptr<hs::LumoraFrameList>& list) {
@@ -257,6 +265,19 @@ void OpenCVVideoRendererSink::Renderer::loop(const Projection& projection) {
     // Ends, with its helper thread, when this thread does.
     ConversionContext conversion;
     std::vector<double> latencies;
+    // The GUI thread shows one list's pictures while the next list is converted into the
+    // other's; their images are kept from list to list.
+    std::array<WindowTable::Draw, 2> draws;
+    std::size_t next = 0;
+    // The showing of draws[1 - next], while it may be under way.
+    std::shared_ptr<GuiTask> showing;
+    const auto shown = [&] {
+        if (!showing) return;
+        showing->wait();
+        showing.reset();
+        const double latency = draws[1 - next].latency;
+        if (latency >= 0.0 && latencies.size() < kMaxLatencies) latencies.push_back(latency);
+    };
     queue.restart();
     while (running.load()) {
         auto [result, item] = queue.pop(kPopTimeout);
@@ -271,15 +292,24 @@ void OpenCVVideoRendererSink::Renderer::loop(const Projection& projection) {
             std::call_once(noDisplayNotice,
                            [] { std::printf("\rno display found: the frames are read out on the console\n\r"); });
         if (!inWindows) {
+            shown();
             if (!displayOn) windows.close(false);
-            if (publishTo != nullptr)
-                publish(item, convert(item.list, projection, conversion), false, figures(), *publishTo);
+            if (publishTo != nullptr) {
+                // The watcher keeps these images: they are not drawn over.
+                Pictures pictures;
+                convert(item.list, projection, conversion, pictures);
+                publish(item, pictures, false, figures(), *publishTo);
+            }
             readOutOnConsole(item.list);
             continue;
         }
         if (!windows.isOpen()) windows.open(item.list, {displayWidth.load(), displayHeight.load()});
-        drawList(item, projection, conversion, publishTo, latencies);
+        auto posted = drawList(item, projection, conversion, publishTo, draws[next]);
+        shown();
+        showing = std::move(posted);
+        next = 1 - next;
     }
+    shown();
     hs::Log::i(LUMORA_LOG_TAG("OpenCVVideoRendererSink"),
                "%llu lists drawn, %llu dropped at the queue, %s; %llu lists delivered",
                static_cast<unsigned long long>(drawn.load()), static_cast<unsigned long long>(dropped.load()),

@@ -134,32 +134,31 @@ void WindowTable::open(const std::shared_ptr<hs::LumoraFrameList>& list, cv::Siz
     mOpen.store(created);
 }
 
-double WindowTable::show(const std::vector<std::pair<int, imaging::WindowImage>>& pictures, bool titled,
-                         std::chrono::steady_clock::time_point delivered) {
+std::shared_ptr<GuiTask> WindowTable::show(Draw& draw) {
     struct Shown {
         const Entry* entry;
         const imaging::WindowImage* picture;
     };
     std::vector<Shown> shown;
-    for (const auto& [view, picture] : pictures)
+    for (const auto& [view, picture] : draw.pictures)
         if (const Entry* found = entry(view)) shown.push_back({found, &picture});
-    double latency = -1.0;
-    runOnGuiThread([&shown, titled, delivered, &latency] {
+    return postToGuiThread([shown = std::move(shown), &draw] {
         for (const Shown& each : shown) {
             if (each.picture->image.empty()) continue;
             try {
                 cv::imshow(each.entry->name, each.picture->image);
-                if (titled && each.entry->view != imaging::kFramerate && autosizeProperty(each.entry->name) >= 0.0)
+                if (draw.titled && each.entry->view != imaging::kFramerate &&
+                    autosizeProperty(each.entry->name) >= 0.0)
                     cv::setWindowTitle(each.entry->name, each.entry->name + each.picture->readout);
             } catch (const cv::Exception&) {
                 // A window lost between the check and the call: the next list shows it again.
             }
         }
         // Every image of the list is with the window system now.
-        latency = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - delivered).count();
+        draw.latency =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - draw.delivered).count();
         cv::waitKey(1);
     });
-    return latency;
 }
 
 }  // namespace lumora::display

@@ -20,6 +20,7 @@
 
 #include <halden/sensor/Lumora.h>
 
+#include "GuiThread.h"
 #include "imaging/FrameConversion.h"
 
 namespace lumora::display {
@@ -46,13 +47,22 @@ public:
     bool has(int view) const { return mEntries.count(view) != 0; }
     // The read-out point of the view's window; (-1, -1) for a view the table does not have.
     cv::Point readoutPoint(int view) const;
-    // Shows each (view, picture) pair in its view's window (nothing for a view the table does
-    // not have or an empty image), titled with the picture's read-out after the window's name
-    // when `titled` (the frame-rate window keeps its name), then services the windows. Returns
-    // the milliseconds from `delivered` until the last picture was with the window system;
-    // negative when the GUI thread took no more work.
-    double show(const std::vector<std::pair<int, imaging::WindowImage>>& pictures, bool titled,
-                std::chrono::steady_clock::time_point delivered);
+    // What one list shows: filled by the render thread, read by the GUI thread while its
+    // showing is under way.
+    struct Draw {
+        std::vector<std::pair<int, imaging::WindowImage>> pictures;
+        // Whether the titles carry the pictures' read-outs (the frame-rate window keeps its name).
+        bool titled = false;
+        std::chrono::steady_clock::time_point delivered;
+        // Written by the GUI thread: the milliseconds from `delivered` until the last picture
+        // was with the window system.
+        double latency = -1.0;
+    };
+    // Posts to the GUI thread the showing of each (view, picture) pair of `draw` in its view's
+    // window (nothing for a view the table does not have or an empty image), then the
+    // servicing of the windows, and returns at once. `draw` must stay unchanged until the
+    // returned task has run. Null, showing nothing, when the GUI thread takes no more work.
+    std::shared_ptr<GuiTask> show(Draw& draw);
 
 private:
     struct Entry {

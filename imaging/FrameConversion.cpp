@@ -124,7 +124,13 @@ void convertDepthAmplitude(ConversionContext& context, const std::shared_ptr<hs:
     const Plane depthPlane(depth);
     const Plane amplitudePlane(amplitude);
     const Plane& shape = depthPlane.valid() ? depthPlane : amplitudePlane;
-    if (!shape.valid()) return;
+    depthImage.readout.clear();
+    amplitudeImage.readout.clear();
+    if (!shape.valid()) {
+        depthImage.image.release();
+        amplitudeImage.image.release();
+        return;
+    }
     const bool scaled = display.width != shape.width || display.height != shape.height;
     const std::vector<int> rows = nearestMap(shape.height, display.height);
     const std::vector<int> columns = nearestMap(shape.width, display.width);
@@ -136,8 +142,14 @@ void convertDepthAmplitude(ConversionContext& context, const std::shared_ptr<hs:
     const bool withDepth = depthPlane.valid() && depthPlane.width == shape.width && depthPlane.height == shape.height;
     const bool withAmplitude =
         amplitudePlane.valid() && amplitudePlane.width == shape.width && amplitudePlane.height == shape.height;
-    if (withDepth) depthImage.image.create(display, CV_8UC3);
-    if (withAmplitude) amplitudeImage.image.create(display, CV_8UC1);
+    if (withDepth)
+        depthImage.image.create(display, CV_8UC3);
+    else
+        depthImage.image.release();
+    if (withAmplitude)
+        amplitudeImage.image.create(display, CV_8UC1);
+    else
+        amplitudeImage.image.release();
 
     // Rows are independent: pieces of them go to this thread and its helper.
     const HelperThread::Work rowsOf = [&](std::size_t begin, std::size_t end) {
@@ -187,7 +199,11 @@ Projection defaultProjection(cv::Size frame) {
 void convertPointCloud(ConversionContext& context, const std::shared_ptr<hs::LumoraFrame>& frame,
                        const Projection& projection, cv::Size display, cv::Point depthPoint, cv::Point intensityPoint,
                        WindowImage& depthImage, WindowImage* intensityImage) {
-    if (!frame) return;
+    const auto leaveEmpty = [&] {
+        depthImage.image.release();
+        if (intensityImage != nullptr) intensityImage->image.release();
+    };
+    if (!frame) return leaveEmpty();
     const float* x = nullptr;
     const float* y = nullptr;
     const float* z = nullptr;
@@ -202,7 +218,7 @@ void convertPointCloud(ConversionContext& context, const std::shared_ptr<hs::Lum
         z = intensityCloud.z();
         intensity = intensityCloud.intensity();
     } else {
-        return;
+        return leaveEmpty();
     }
     const int width = frame->width();
     const int height = frame->height();
@@ -258,8 +274,14 @@ void convertPointCloud(ConversionContext& context, const std::shared_ptr<hs::Lum
     else if (count > 0)
         gatherAndProject(0, count);
 
-    depthImage.image = cv::Mat::zeros(display, CV_8UC3);
-    if (withIntensity) intensityImage->image = cv::Mat::zeros(display, CV_8UC1);
+    depthImage.image.create(display, CV_8UC3);
+    depthImage.image.setTo(cv::Scalar::all(0));
+    if (withIntensity) {
+        intensityImage->image.create(display, CV_8UC1);
+        intensityImage->image.setTo(cv::Scalar::all(0));
+    } else if (intensityImage != nullptr) {
+        intensityImage->image.release();
+    }
     std::uint8_t* const colourPixels = depthImage.image.data;
     std::uint8_t* const levelPixels = withIntensity ? intensityImage->image.data : nullptr;
     // In pixel order: where points meet, the later one shows.

@@ -54,7 +54,9 @@ cv::Size displaySize(cv::Size frame, int displayWidth, int displayHeight);
 // integer within 0..65535 (NaN reads 0) before the look-up. Either frame may be null; its
 // image is then left empty. The points are in displayed-image coordinates; a point outside
 // the image reads value 0 and takes black as its pixel. Images of 65536 pixels or more are
-// shared out in pieces of rows between the caller and the context's helper thread.
+// shared out in pieces of rows between the caller and the context's helper thread. An image
+// already in `depthImage` or `amplitudeImage` is drawn over in place when its size and type
+// fit (nothing else may hold it), else replaced.
 void convertDepthAmplitude(ConversionContext& context, const std::shared_ptr<halden::sensor::LumoraFrame>& depth,
                            const std::shared_ptr<halden::sensor::LumoraFrame>& amplitude, cv::Size display,
                            cv::Point depthPoint, cv::Point amplitudePoint, WindowImage& depthImage,
@@ -77,7 +79,8 @@ Projection defaultProjection(cv::Size frame);
 // frame's z at the point, in millimetres, truncated. Clouds of 20000 points or more are
 // gathered and projected by the caller and the context's helper thread; the gather,
 // projection and placing buffers are the context's. Frames of other data types leave both
-// images empty; `intensityImage` may be null for type 8.
+// images empty; `intensityImage` may be null for type 8. Images passed in are drawn over as
+// by convertDepthAmplitude.
 void convertPointCloud(ConversionContext& context, const std::shared_ptr<halden::sensor::LumoraFrame>& frame,
                        const Projection& projection, cv::Size display, cv::Point depthPoint, cv::Point intensityPoint,
                        WindowImage& depthImage, WindowImage* intensityImage);
