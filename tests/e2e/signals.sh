@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Fatal signals end the shell with the signal number as exit status and leave the terminal
-# settings exactly as they were: Ctrl-C while a camera streams into open windows, whose
-# threads still run while the exit tears Qt down, and SIGSEGV and SIGABRT raised on the
+# settings exactly as they were: Ctrl-C while a camera streams every frame type into open
+# windows, so that a list's showing is under way on the GUI thread while the render thread
+# converts the next, and both still run while the exit tears Qt down; and SIGSEGV and SIGABRT raised on the
 # library's delivery thread while it streams into windows and a dump file is being
 # written, so that the exit runs on that thread. (Ctrl-C and Ctrl-Z at the prompt, in the
 # line editor alone, are tests/terminal's.)
@@ -65,9 +66,10 @@ fault_on_delivery_thread() {
   expect_exit "$number" "$since" "$name on the delivery thread"
 }
 
-start_streaming
-wait_window "^QRX100A Depth"
-interrupt C-c 2 "Ctrl-C while streaming into windows"
+open_camera QRX100A
+expect_after "$P" "run 30" "-> result : success"
+wait_window "^QRX100A IPCL-Amplitude"
+interrupt C-c 2 "Ctrl-C while streaming into six windows"
 wait_no_window "^QRX100A "
 
 fault_on_delivery_thread SIGSEGV 11
