@@ -26,7 +26,7 @@ WindowImage reuse(Pictures& pictures, int view) {
 
 void convertList(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection,
                  imaging::ConversionContext& conversion, cv::Size resolution,
-                 const std::function<cv::Point(int view)>& readoutPoint, Pictures& pictures) {
+                 const std::function<cv::Point(int view)>& readoutPoint, bool withClouds, Pictures& pictures) {
     Pictures converted;
     const auto depth = hs::find_frame(list, hs::LumoraFrame::FRAME_DEPTH);
     const auto amplitude = hs::find_frame(list, hs::LumoraFrame::FRAME_AMPLITUDE);
@@ -40,6 +40,7 @@ void convertList(const std::shared_ptr<hs::LumoraFrameList>& list, const Project
         converted.emplace_back(imaging::kAmplitude, std::move(amplitudeImage));
     }
     for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
+        if (!withClouds) break;
         const auto frame = hs::find_frame(list, type);
         if (!frame) continue;
         const bool intensity = type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;

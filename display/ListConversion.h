@@ -31,13 +31,14 @@ using Pictures = std::vector<std::pair<int, imaging::WindowImage>>;
 // at the size its frame is shown at for `resolution` (non-positive sides: the frame's own
 // size), with the read-out at `readoutPoint(view)` ((-1, -1): none). A point cloud is projected
 // through `projection`, or through a default lens when that has no focal length. Depth and
-// amplitude come as a pair, as do the two pictures of an intensity point cloud. The images
+// amplitude come as a pair, as do the two pictures of an intensity point cloud; point clouds
+// are left out unless `withClouds`. The images
 // that `pictures` held for the same views are drawn over in place when their size and type
 // fit, so a caller that keeps them from list to list allocates none: nothing else may hold
 // them.
 void convertList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, const imaging::Projection& projection,
                  imaging::ConversionContext& conversion, cv::Size resolution,
-                 const std::function<cv::Point(int view)>& readoutPoint, Pictures& pictures);
+                 const std::function<cv::Point(int view)>& readoutPoint, bool withClouds, Pictures& pictures);
 
 // Hands `publisher` the non-empty pictures, the list and `status` completed with the source's
 // model and serial number, the list's frame types and the size of its last frame.

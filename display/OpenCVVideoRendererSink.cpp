@@ -45,6 +45,28 @@ constexpr std::uint32_t kTitleAfterLists = 10;
 // Delivery-to-window times kept per run, about ten hours at 30 lists a second.
 constexpr std::size_t kMaxLatencies = std::size_t{1} << 20U;
 
+// Without windows, a watcher gets pictures of point clouds (the costliest to convert) ten
+// times a second, and those of depth and amplitude from every list.
+constexpr auto kWatcherCloudInterval = std::chrono::milliseconds(100);
+
+// Says yes once per interval on average, to calls that come at any steadier rate: each yes
+// moves the due time on by one interval, not to the call's time plus one.
+class Cadence {
+public:
+    explicit Cadence(std::chrono::steady_clock::duration interval) : mInterval(interval) {}
+    bool take(std::chrono::steady_clock::time_point now) {
+        // A call up to a fifth of the interval early counts as on time; one more than an
+        // interval late starts the cadence afresh.
+        if (now + mInterval / 5 < mDue) return false;
+        mDue = now - mDue > mInterval ? now + mInterval : mDue + mInterval;
+        return true;
+    }
+
+private:
+    std::chrono::steady_clock::duration mInterval;
+    std::chrono::steady_clock::time_point mDue{};
+};
+
 // Lists rendered since the camera last reported running.
 std::atomic<std::uint32_t> gRenderedLists{0};
 
@@ -65,9 +87,9 @@ struct OpenCVVideoRendererSink::Renderer {
                                       WindowTable::Draw& draw);
     void readOutOnConsole(const std::shared_ptr<hs::LumoraFrameList>& list);
     // Replaces `pictures` with the list's pictures at the display resolution, with the
-    // windows' read-out points.
+    // windows' read-out points; those of point clouds only `withClouds`.
     void convert(const std::shared_ptr<hs::LumoraFrameList>& list, const Projection& projection,
-                 ConversionContext& conversion, Pictures& pictures);
+                 ConversionContext& conversion, bool withClouds, Pictures& pictures);
     std::string fpsText();
     // The frame-rate text and the lists drawn and dropped, for a published status.
     imaging::Status figures();
@@ -228,10 +250,11 @@ imaging::Status OpenCVVideoRendererSink::Renderer::figures() {
 
 void OpenCVVideoRendererSink::Renderer::convert(const std::shared_ptr<hs::LumoraFrameList>& list,
                                                 const Projection& projection, ConversionContext& conversion,
-                                                Pictures& pictures) {
+                                                bool withClouds, Pictures& pictures) {
     const cv::Size resolution(displayWidth.load(), displayHeight.load());
     convertList(
-        list, projection, conversion, resolution, [this](int view) { return windows.readoutPoint(view); }, pictures);
+        list, projection, conversion, resolution, [this](int view) { return windows.readoutPoint(view); },
+        withClouds, pictures);
 }
 
 std::shared_ptr<GuiTask> OpenCVVideoRendererSink::Renderer::drawList(const DeliveredList& item,
@@ -240,7 +263,7 @@ std::shared_ptr<GuiTask> OpenCVVideoRendererSink::Renderer::drawList(const Deliv
                                                                      imaging::Publisher* publishTo,
                                                                      WindowTable::Draw& draw) {
     const std::uint32_t rendered = gRenderedLists.fetch_add(1) + 1;
-    convert(item.list, projection, conversion, draw.pictures);
+    convert(item.list, projection, conversion, true, draw.pictures);
     if (publishTo != nullptr) publish(item, draw.pictures, true, figures(), *publishTo);
     for (auto& [view, picture] : draw.pictures)
         if (windows.has(view)) imaging::drawMarker(picture, windows.readoutPoint(view));
@@ -265,6 +288,7 @@ void OpenCVVideoRendererSink::Renderer::loop(const Projection& projection) {
     // Ends, with its helper thread, when this thread does.
     ConversionContext conversion;
     std::vector<double> latencies;
+    Cadence cloudsDue(kWatcherCloudInterval);
     // The GUI thread shows one list's pictures while the next list is converted into the
     // other's; their images are kept from list to list.
     std::array<WindowTable::Draw, 2> draws;
@@ -297,7 +321,7 @@ void OpenCVVideoRendererSink::Renderer::loop(const Projection& projection) {
             if (publishTo != nullptr) {
                 // The watcher keeps these images: they are not drawn over.
                 Pictures pictures;
-                convert(item.list, projection, conversion, pictures);
+                convert(item.list, projection, conversion, cloudsDue.take(item.delivered), pictures);
                 publish(item, pictures, false, figures(), *publishTo);
             }
             readOutOnConsole(item.list);
