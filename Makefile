@@ -48,7 +48,7 @@ bench: build
 	@rm -f $(RESULTS) $(BENCH_LOG)
 	@echo "make bench: trace lines and the shells' output go to $(BENCH_LOG)"
 	@$(BUILD)/bench/lumora-bench $(RESULTS) --benchmark_color=false >>$(BENCH_LOG)
-	@bash bench/display_e2e.sh $(BUILD) 60 $(RESULTS)
+	@/usr/bin/python3 bench/display_e2e.py $(BUILD) 60 $(RESULTS)
 	@/usr/bin/python3 bench/web_e2e.py $(BUILD) 20 $(RESULTS)
 	@/usr/bin/python3 bench/scaling.py $(BUILD) $(RESULTS) $(BUILD)/scaling.png
 	@/usr/bin/python3 bench/python_bench.py $(BUILD) 60 $(RESULTS)

@@ -1,24 +1,24 @@
-"""How the shell's cost grows with the picture: the simulated QRX100A at 30 fps at QVGA, VGA,
-1 MP and 4 MP, masks 6 and 30, with the windows on under Xvfb. For each run: the shell's
-processor time per second, the lists delivered, drawn and dropped per second, the times
-from delivery to the window system, and a memcpy of the same bytes per second measured in
-the same run (libc's memcpy from buffers not in the cache). Prints a table, appends the
-figures as "scale.WxH.mMASK.FIGURE=VALUE" lines to RESULTS_FILE, and plots processor time
-against pixels per second, with the memcpy as the line to read it against, into PLOT.
-The dump writer's rate at each size comes from RESULTS_FILE (lumora-bench's
-BM_DumpWriterAtSize) when it is there. With BENCH_LOG set, the shells' output is appended to
-that file.
+"""How the shell's cost grows with the picture: QVGA, VGA, 1 MP and 4 MP at 30 fps, masks 6
+and 30, with the windows on under Xvfb, from cameras that do not render each list (mask 6
+from a replay of a mode-1 recording, mask 30 from the simulated camera's loop:
+bench/livebench.py). For each run: the shell's processor time per second, the lists
+delivered, drawn and dropped per second, the times from delivery to the window system, and a
+memcpy of the same bytes per second measured in the same run (libc's memcpy from buffers not
+in the cache). Prints a table, appends the figures as "scale.WxH.mMASK.FIGURE=VALUE" lines to
+RESULTS_FILE, and plots processor time against pixels per second, with the memcpy as the line
+to read it against, into PLOT. The dump writer's rate at each size comes from RESULTS_FILE
+(lumora-bench's BM_DumpWriterAtSize) when it is there. With BENCH_LOG set, the shells'
+output is appended to that file.
 Usage: scaling.py BUILD_DIR RESULTS_FILE PLOT [SECONDS]"""
 import ctypes
 import os
-import re
-import subprocess
 import sys
 import tempfile
-import threading
 import time
 
 import matplotlib
+
+import livebench
 
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402
@@ -48,130 +48,46 @@ def memcpy_bytes_per_cpu_second(size):
     return copied / (time.process_time() - begin)
 
 
-class Shell:
-    """The shell on pipes; its output (the sinks' trace lines among it) is kept, not shown."""
-
-    def __init__(self, devices, display, runtime):
-        environment = dict(os.environ, LUMORA_SIM_DEVICES=devices, DISPLAY=display, XDG_RUNTIME_DIR=runtime,
-                           QT_XCB_GL_INTEGRATION="none")
-        self.process = subprocess.Popen([os.path.join(build, "shell", "lumora-shell")], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=environment,
-                                        cwd=runtime)
-        self.output = []
-        threading.Thread(target=lambda: [self.output.append(line.decode(errors="replace"))
-                                         for line in self.process.stdout], daemon=True).start()
-
-    def say(self, line):
-        try:
-            self.process.stdin.write((line + "\n").encode())
-            self.process.stdin.flush()
-        except BrokenPipeError:
-            raise RuntimeError(f"the shell ended ({self.process.wait()}); its last lines:\n" +
-                               "".join(self.output[-20:])) from None
-
-    def wait_for(self, pattern, after, timeout=30):
-        """The first match of `pattern` in the lines from `after` on, in whatever order they came."""
-        deadline = time.time() + timeout
-        while time.time() < deadline:
-            for line in self.output[after:]:
-                found = re.search(pattern, line)
-                if found:
-                    return found
-            time.sleep(0.05)
-        raise RuntimeError(f"no {pattern!r} from the shell; its last lines:\n" + "".join(self.output[-20:]))
-
-    def cpu_seconds(self):
-        fields = open(f"/proc/{self.process.pid}/stat").read().rsplit(")", 1)[1].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
-
-def start_x_server():
-    """An X server of our own that answers; (process, display name). Tries three times."""
-    log = open(os.environ.get("BENCH_LOG", os.devnull), "a")
-    for _ in range(3):
-        read_end, write_end = os.pipe()
-        # -noreset: the server would otherwise reset whenever its last client leaves, and a
-        # client that connects meanwhile (the shell's check for a display is one) loses it.
-        xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "4200x2200x24", "-nolisten",
-                                 "tcp", "-noreset"], pass_fds=[write_end], stderr=log)
-        os.close(write_end)
-        display = ":" + os.read(read_end, 16).decode().strip()
-        os.close(read_end)
-        # The shell decides once whether there is a display: the server must answer first.
-        deadline = time.time() + 20
-        while xvfb.poll() is None and time.time() < deadline:
-            if subprocess.run(["xdpyinfo", "-display", display], stdout=subprocess.DEVNULL,
-                              stderr=log).returncode == 0:
-                return xvfb, display
-            time.sleep(0.2)
-        xvfb.terminate()
-        xvfb.wait()
-    raise RuntimeError("no X server answered (see the bench log)")
-
-
-def measure(shell, mask, counts):
-    """One run of `mask`; `counts` holds the renderer's totals so far and is brought up to date."""
-    mark = len(shell.output)
-    shell.say(f"run {mask}")
-    shell.wait_for(r"-> result : success", mark)
-    began = time.time()
-    time.sleep(2)
-    c0, t0 = shell.cpu_seconds(), time.time()
-    time.sleep(seconds)
-    cpu = (shell.cpu_seconds() - c0) / (time.time() - t0)
-    mark = len(shell.output)
-    shell.say("stop")
-    # The renderer logs from its own thread, before or after the result line.
-    shell.wait_for(r"-> result : success", mark)
-    drawn, dropped = map(int, shell.wait_for(r": ([0-9]+) lists drawn, ([0-9]+) dropped", mark).groups())
-    latency = shell.wait_for(r"delivery to the window system p50 ([0-9.]+) ms p99 ([0-9.]+) ms", mark)
-    span = time.time() - began
-    figures = {"cpu": cpu, "drawn_per_s": (drawn - counts[0]) / span, "dropped": dropped - counts[1],
-               "delivered_per_s": (drawn - counts[0] + dropped - counts[1]) / span,
-               "p50_ms": float(latency.group(1)), "p99_ms": float(latency.group(2))}
-    counts[:] = [drawn, dropped]
-    return figures
-
-
 def main():
     earlier = {}
     if os.path.exists(results_path):
         for line in open(results_path):
             key, _, value = line.strip().partition("=")
             earlier[key] = value
-    load = " ".join(open("/proc/loadavg").read().split()[:3])
+    load = livebench.load_average()
     with open(results_path, "a") as results:
         results.write(f"scale.load={load}\n")
     with tempfile.TemporaryDirectory() as workdir:
         runtime = os.path.join(workdir, "runtime")
         os.mkdir(runtime, 0o700)
-        xvfb, display = start_x_server()
+        xvfb, display = livebench.start_x_server()
         rows = []
         try:
             for name, width, height in sizes:
-                shell = Shell(f"QRX100A:{width}x{height}@30", display, runtime)
-                mark = len(shell.output)
-                for line in ("set log_level 3", "search", "select 0"):
-                    shell.say(line)
-                shell.wait_for(r"selected device", mark)
-                counts = [0, 0]
+                lists = max(10, min(60, (60 * 640 * 480) // (width * height)))
+                recording = livebench.record(build, workdir, width, height, lists)
+                shell = livebench.Shell(build, f"QRX100A:{width}x{height}@30", workdir, display, runtime)
+                shell.command("set log_level 3")
                 for mask in (6, 30):
+                    if mask == 6:
+                        livebench.use_replay(shell, recording)
+                    else:
+                        shell.command("deselect")
+                        livebench.use_loop(shell, width, height)
                     copy_rate = memcpy_bytes_per_cpu_second(width * height * bytes_per_pixel[mask])
-                    figures = measure(shell, mask, counts)
+                    settle = livebench.settle_seconds(width, height) if mask == 30 else 2
+                    figures = livebench.measure_windows(shell, mask, seconds, settle, [0, 0])
                     figures["pixels_per_s"] = figures["delivered_per_s"] * width * height
                     figures["memcpy_cpu"] = figures["pixels_per_s"] * bytes_per_pixel[mask] / copy_rate
                     rows.append((name, width, height, mask, figures))
-                shell.say("quit")
-                shell.process.wait(20)
-                if os.environ.get("BENCH_LOG"):
-                    with open(os.environ["BENCH_LOG"], "a") as log:
-                        log.writelines(shell.output)
+                shell.quit()
+                os.remove(recording)
         finally:
             xvfb.terminate()
             xvfb.wait()
 
-    print(f"\nScaling, the simulated QRX100A at 30 fps, windows on under Xvfb, {seconds:.0f} s per run "
-          "(processor time in % of one core; the shell's includes the simulated library's rendering):")
+    print(f"\nScaling, QRX100A pictures at 30 fps, windows on under Xvfb, {seconds:.0f} s per run "
+          "(processor time in % of one core; mask 6 from a replay, mask 30 from the simulated camera's loop):")
     print("| size | mask | lists delivered/s | drawn/s | dropped | processor | memcpy of the same bytes | "
           "delivery to window p50 / p99 | dump writer, mode 3 | mode 3 at 30/s needs |")
     print("|---|---|---|---|---|---|---|---|---|---|")
@@ -203,7 +119,7 @@ def plot(rows, load):
     axes.set_yscale("log")
     axes.set_xlabel("pixels delivered per second")
     axes.set_ylabel("processor time per second (1 = one core)")
-    axes.set_title("Live display cost against picture size (simulated camera at 30 fps, Xvfb)\n"
+    axes.set_title("Live display cost against picture size (30 fps from a replay and a loop, Xvfb)\n"
                    f"2 cores, load average {load} at the start", fontsize=10)
     axes.grid(True, which="both", alpha=0.3)
     axes.legend(fontsize=8)

@@ -5,6 +5,8 @@ Usage: table.py RESULTS_FILE   (the "KEY=VALUE" lines the parts of `make bench` 
 import math
 import sys
 
+from livebench import QUIET_LOAD
+
 figures = {}
 for line in open(sys.argv[1]):
     key, _, value = line.strip().partition("=")
@@ -26,7 +28,7 @@ def period_error(key):
 # functions of the figures so that a missing figure shows as "?" rather than stopping the table.
 ROWS = [
     ("Simulated library", None),
-    ("render a VGA list, all four frame types", lambda: 1e3 * f("BM_RenderVgaAllTypes.seconds"), "ms",
+    ("the scene's own cost: render a VGA list, all four types", lambda: 1e3 * f("BM_RenderVgaAllTypes.seconds"), "ms",
      lambda: f"memcpy VGA depth+amplitude {1e6 * f('BM_MemcpyVgaDepthAmplitude.seconds'):.0f} us", "<= 4 ms",
      lambda m: m <= 4),
     ("render a VGA list, depth + amplitude", lambda: 1e3 * f("BM_RenderVgaDepthAmplitude.seconds"), "ms",
@@ -80,7 +82,7 @@ ROWS = [
     ("Dumps (no display)", None),
     ("VGA dumps of 300 at 30 fps, modes 0-3, lists lost",
      lambda: sum(f(f"BM_Dump300VgaFrames/{mode}.lost") for mode in range(4)), "", lambda: "-", "0",
-     lambda m: m == 0),
+     lambda m: m == 0, "bench"),
     ("dump callback, depth + amplitude, p99.9 / 1 ms sleep p99.9",
      lambda: f("BM_Dump300VgaFrames/1.p999_ms") / f("BM_PushFull.sleep_p999_ms"), "x",
      lambda: f"1 ms sleep p99.9 {f('BM_PushFull.sleep_p999_ms'):.2f} ms", "<= 1.5x", lambda m: m <= 1.5),
@@ -95,7 +97,7 @@ ROWS = [
      lambda: f"cat {f('BM_LmrExport300Vga.cat_s'):.3f} s", "<= 2x", lambda m: m <= 2),
     ("Python module (VGA)", None),
     ("mask 30 at 30 fps into a Python loop, lists dropped", lambda: f("python.stream_dropped"), "",
-     lambda: f"{f('python.stream_lists'):.0f} lists handed over", "0 (goal)", lambda m: m == 0),
+     lambda: f"{f('python.stream_lists'):.0f} lists handed over", "0", lambda m: m == 0, "python"),
     ("sink on the delivery thread per list / memcpy of its bytes",
      lambda: f("python.sink_ms") / f("python.memcpy_ms"), "x",
      lambda: f"memcpy {f('python.memcpy_ms'):.2f} ms", "<= 1.5x", lambda m: m <= 1.5),
@@ -104,40 +106,61 @@ ROWS = [
      lambda: f"fromfile {f('python.dump_fromfile_s'):.3f} s", ">= 0.8x", lambda m: m >= 0.8),
     ("import lumora", lambda: f("python.import_ms"), "ms",
      lambda: f"import numpy {f('python.numpy_import_ms'):.0f} ms", "<= 150 ms", lambda m: m <= 150),
-    ("Live display end to end (VGA, Xvfb)", None),
+    ("Live display end to end (VGA, Xvfb; mask 6 from a replay, mask 30 from the camera's loop)", None),
+    ("mask 6: lists drawn per second", lambda: f("display.m6.drawn_per_s"), "/s", lambda: "camera 30/s",
+     "29 to 31", lambda m: 29 <= m <= 31, "display"),
     ("mask 6: frame-rate text at the end", lambda: f("display.m6.fps"), "fps", lambda: "camera 30 fps",
-     "29 to 31", lambda m: 29 <= m <= 31),
-    ("mask 6: lists dropped at the renderer's queue", lambda: f("display.m6.dropped"), "", lambda: "-", "0",
-     lambda m: m == 0),
+     "29 to 31", lambda m: 29 <= m <= 31, "display"),
+    ("mask 6: lists dropped at the renderer's queue in a minute", lambda: f("display.m6.dropped"), "",
+     lambda: "-", "0", lambda m: m == 0, "display"),
     ("mask 6: processor time / bare imshow program's",
      lambda: f("display.m6.cpu") / f("display.bare_cpu"), "x",
-     lambda: f"bare {f('display.bare_cpu'):.1f} % of a core", "<= 2.5x", lambda m: m <= 2.5),
-    ("mask 30 (six windows): lists drawn per second", lambda: f("display.m30.drawn_per_s"), "/s",
-     lambda: "camera 30/s", ">= 29 (goal)", lambda m: m >= 29),
+     lambda: f"bare {f('display.bare_cpu'):.1f} % of a core", "<= 2.5x", lambda m: m <= 2.5, "display"),
     ("mask 6: delivery to window system, p99", lambda: f("display.m6.p99_ms"), "ms",
-     lambda: f"bare imshow p99 {f('display.bare_p99_ms'):.1f} ms", "< 33.3 ms (goal)", lambda m: m < 1000 / 30),
-    ("mask 30: delivery to window system, p99", lambda: f("display.m30.p99_ms"), "ms", lambda: "(as above)",
-     "< 33.3 ms (goal)", lambda m: m < 1000 / 30),
-    ("Web view (VGA, no display, headless browser)", None),
-    ("mask 6: pictures/s of the slowest view / lists drawn/s",
+     lambda: f"bare imshow p99 {f('display.bare_p99_ms'):.1f} ms", "< 33.3 ms", lambda m: m < 1000 / 30, "display"),
+    ("mask 30 (six windows): lists drawn per second", lambda: f("display.m30.drawn_per_s"), "/s",
+     lambda: "camera 30/s", "29 to 31", lambda m: 29 <= m <= 31, "display"),
+    ("mask 30: lists dropped at the renderer's queue in a minute", lambda: f("display.m30.dropped"), "",
+     lambda: "-", "0", lambda m: m == 0, "display"),
+    ("mask 30: delivery to window system, p99", lambda: f("display.m30.p99_ms"), "ms",
+     lambda: f"p50 {f('display.m30.p50_ms'):.1f} ms", "< 33.3 ms", lambda m: m < 1000 / 30, "display"),
+    ("Live display at other sizes (Xvfb, 10 s a run)", None),
+    ("1 MP, mask 6: lists drawn per second", lambda: f("scale.1024x1024.m6.drawn_per_s"), "/s",
+     lambda: f"delivered {f('scale.1024x1024.m6.delivered_per_s'):.1f}/s", "29 to 31", lambda m: 29 <= m <= 31,
+     "scale"),
+    ("1 MP, mask 6: delivery to window system, p99", lambda: f("scale.1024x1024.m6.p99_ms"), "ms",
+     lambda: f"p50 {f('scale.1024x1024.m6.p50_ms'):.1f} ms", "< 33.3 ms", lambda m: m < 1000 / 30, "scale"),
+    ("1 MP, mask 30: lists drawn per second", lambda: f("scale.1024x1024.m30.drawn_per_s"), "/s",
+     lambda: f"delivered {f('scale.1024x1024.m30.delivered_per_s'):.1f}/s", ">= 20", lambda m: m >= 20, "scale"),
+    ("4 MP, mask 6: lists drawn per second", lambda: f("scale.2048x2048.m6.drawn_per_s"), "/s",
+     lambda: f"delivered {f('scale.2048x2048.m6.delivered_per_s'):.1f}/s", "29 to 31", lambda m: 29 <= m <= 31,
+     "scale"),
+    ("4 MP, mask 6: delivery to window system, p99", lambda: f("scale.2048x2048.m6.p99_ms"), "ms",
+     lambda: f"p50 {f('scale.2048x2048.m6.p50_ms'):.1f} ms", "< 66.7 ms", lambda m: m < 2000 / 30, "scale"),
+    ("4 MP, mask 30: lists drawn per second", lambda: f("scale.2048x2048.m30.drawn_per_s"), "/s",
+     lambda: f"processor {100 * f('scale.2048x2048.m30.cpu'):.0f} % of a core", "(reported)", None, "scale"),
+    ("Web view (VGA, no display, headless browser; sources as above)", None),
+    ("mask 6: depth and amplitude pictures/s / lists drawn/s",
      lambda: f("web.m6.pictures_per_s_min") / f("web.m6.lists_per_s"), "x",
-     lambda: f"{f('web.m6.lists_per_s'):.1f} lists/s", ">= 0.95x", lambda m: m >= 0.95),
-    ("mask 30: pictures/s of the slowest view / lists drawn/s",
+     lambda: f"{f('web.m6.lists_per_s'):.1f} lists/s", ">= 0.95x", lambda m: m >= 0.95, "web"),
+    ("mask 30: depth and amplitude pictures/s / lists drawn/s",
      lambda: f("web.m30.pictures_per_s_min") / f("web.m30.lists_per_s"), "x",
-     lambda: f"{f('web.m30.lists_per_s'):.1f} lists/s", ">= 0.95x", lambda m: m >= 0.95),
+     lambda: f"{f('web.m30.lists_per_s'):.1f} lists/s", ">= 0.95x", lambda m: m >= 0.95, "web"),
+    ("mask 30: point-cloud pictures/s, the slowest of three views", lambda: f("web.m30.cloud_pictures_per_s_min"),
+     "/s", lambda: f"{f('web.m30.lists_per_s'):.1f} lists/s", ">= 10", lambda m: m >= 10, "web"),
     ("mask 6: delivery to decoded in the page, p99", lambda: f("web.m6.decoded_p99_ms"), "ms",
-     lambda: f"to socket p99 {f('web.m6.socket_p99_ms'):.1f} ms", "<= 50 ms", lambda m: m <= 50),
+     lambda: f"to socket p99 {f('web.m6.socket_p99_ms'):.1f} ms", "<= 50 ms", lambda m: m <= 50, "web"),
     ("mask 30: delivery to decoded in the page, p99", lambda: f("web.m30.decoded_p99_ms"), "ms",
-     lambda: f"to socket p99 {f('web.m30.socket_p99_ms'):.1f} ms", "<= 50 ms", lambda m: m <= 50),
+     lambda: f"to socket p99 {f('web.m30.socket_p99_ms'):.1f} ms", "<= 100 ms", lambda m: m <= 100, "web"),
     ("mask 6: processor time added by one watcher",
      lambda: f("web.m6.cpu_on") - f("web.m6.cpu_off"), "pp",
-     lambda: f"view off {f('web.m6.cpu_off'):.1f} %", "<= 8 pp", lambda m: m <= 8),
+     lambda: f"view off {f('web.m6.cpu_off'):.1f} %", "<= 8 pp", lambda m: m <= 8, "web"),
     ("mask 30: processor time added by one watcher",
      lambda: f("web.m30.cpu_on") - f("web.m30.cpu_off"), "pp",
-     lambda: f"view off {f('web.m30.cpu_off'):.1f} %", "<= 8 pp", lambda m: m <= 8),
+     lambda: f"view off {f('web.m30.cpu_off'):.1f} %", "<= 25 pp", lambda m: m <= 25, "web"),
     ("mask 6: processor time added by a second watcher",
      lambda: f("web.m6.cpu_two") - f("web.m6.cpu_on"), "pp",
-     lambda: f"one watcher {f('web.m6.cpu_on'):.1f} %", "<= 1 pp", lambda m: m <= 1),
+     lambda: f"one watcher {f('web.m6.cpu_on'):.1f} %", "<= 1 pp", lambda m: m <= 1, "web"),
 ]
 
 
@@ -148,27 +171,48 @@ def number(value):
     return f"{value:.{digits}f}"
 
 
+def loaded(part):
+    """The 1-minute load average at the start of `part` when it was at least livebench's
+    threshold for a quiet machine, else None."""
+    try:
+        one = float(figures.get(f"{part}.load", "0").split()[0])
+    except ValueError:
+        return None
+    return one if one >= QUIET_LOAD else None
+
+
 def main():
     header = ("figure", "measured", "baseline, same run", "bound", "verdict")
     print("\n| %-58s | %14s | %-36s | %-16s | %-7s |" % header)
     print("|%s|%s|%s|%s|%s|" % ("-" * 60, "-" * 16, "-" * 38, "-" * 18, "-" * 9))
-    held = missed = 0
+    held = missed = voided = 0
     for row in ROWS:
         if row[1] is None:
             print("| %-58s | %14s | %-36s | %-16s | %-7s |" % (f"**{row[0]}**", "", "", "", ""))
             continue
-        figure, measured, unit, baseline, bound, holds = row
+        figure, measured, unit, baseline, bound, holds = row[:6]
+        # Figures of time and rate measured end to end are void on a machine that was busy.
+        load = loaded(row[6]) if len(row) > 6 else None
         value = measured()
         if math.isnan(value):
             verdict = "?"
+        elif holds is None:
+            verdict = "-"
         elif holds(value):
             verdict, held = "holds", held + 1
+        elif load is not None:
+            verdict, voided = f"void (load {load:.1f})", voided + 1
         else:
             verdict, missed = "misses", missed + 1
         text = "?" if math.isnan(value) else number(value)
         print("| %-58s | %10s %-3s | %-36s | %-16s | %-7s |" % (figure, text, unit, baseline(), bound, verdict))
     loads = "; ".join(f"{key.split('.')[0]} {value}" for key, value in figures.items() if key.endswith(".load"))
-    print(f"\n{held} hold, {missed} miss. Load average (1, 5, 15 min) at the start of each part: {loads}")
+    busy = [key.split(".")[0] for key in figures if key.endswith(".load") and loaded(key.split(".")[0])]
+    print(f"\n{held} hold, {missed} miss, {voided} void. Load average (1, 5, 15 min) at the start of each part: {loads}")
+    if busy:
+        print(f"Under load (1-minute load average {QUIET_LOAD} or more at the start): {', '.join(busy)}. Their "
+              "end-to-end figures of time and rate that miss are void, not misses: run make bench again on a "
+              "quiet machine.")
 
 
 main()
