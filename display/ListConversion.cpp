@@ -1,5 +1,7 @@
 #include "ListConversion.h"
 
+#include <algorithm>
+
 #include "imaging/View.h"
 
 namespace lumora::display {
@@ -39,17 +41,28 @@ void convertList(const std::shared_ptr<hs::LumoraFrameList>& list, const Project
         converted.emplace_back(imaging::kDepth, std::move(depthImage));
         converted.emplace_back(imaging::kAmplitude, std::move(amplitudeImage));
     }
-    for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
-        if (!withClouds) break;
-        const auto frame = hs::find_frame(list, type);
+    // A camera that sends both clouds sends the same points twice: they are projected once.
+    const auto cloud = withClouds ? hs::find_frame(list, hs::LumoraFrame::FRAME_POINTCLOUD) : nullptr;
+    const auto intensityCloud =
+        withClouds ? hs::find_frame(list, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD) : nullptr;
+    const bool projectOnce = cloud && intensityCloud && imaging::samePoints(cloud, intensityCloud);
+    for (const auto& frame : {intensityCloud, cloud}) {
         if (!frame) continue;
-        const bool intensity = type == hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD;
+        const bool intensity = frame == intensityCloud;
         const int depthView = intensity ? imaging::kIntensityDepth : imaging::kPointCloud;
+        WindowImage depthImage = reuse(pictures, depthView);
+        if (!intensity && projectOnce) {
+            const auto projected = std::find_if(converted.begin(), converted.end(), [](const auto& each) {
+                return each.first == imaging::kIntensityDepth;
+            });
+            imaging::copyCloudPicture(frame, projected->second, readoutPoint(depthView), depthImage);
+            converted.emplace_back(depthView, std::move(depthImage));
+            continue;
+        }
         const Projection lens =
             projection.intrinsics.fx > 0.0 ? projection : imaging::defaultProjection({frame->width(), frame->height()});
         Projection sized = lens;
         if (sized.size.width <= 0 || sized.size.height <= 0) sized.size = {frame->width(), frame->height()};
-        WindowImage depthImage = reuse(pictures, depthView);
         WindowImage intensityImage = reuse(pictures, imaging::kIntensityAmplitude);
         imaging::convertPointCloud(conversion, frame, sized, shownSize(frame, resolution), readoutPoint(depthView),
                                    readoutPoint(imaging::kIntensityAmplitude), depthImage,
@@ -57,6 +70,9 @@ void convertList(const std::shared_ptr<hs::LumoraFrameList>& list, const Project
         converted.emplace_back(depthView, std::move(depthImage));
         if (intensity) converted.emplace_back(imaging::kIntensityAmplitude, std::move(intensityImage));
     }
+    // In the order of the views, as the windows have always been served.
+    std::stable_sort(converted.begin(), converted.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
     pictures = std::move(converted);
 }
 

@@ -253,8 +253,8 @@ void OpenCVVideoRendererSink::Renderer::convert(const std::shared_ptr<hs::Lumora
                                                 bool withClouds, Pictures& pictures) {
     const cv::Size resolution(displayWidth.load(), displayHeight.load());
     convertList(
-        list, projection, conversion, resolution, [this](int view) { return windows.readoutPoint(view); },
-        withClouds, pictures);
+        list, projection, conversion, resolution, [this](int view) { return windows.readoutPoint(view); }, withClouds,
+        pictures);
 }
 
 std::shared_ptr<GuiTask> OpenCVVideoRendererSink::Renderer::drawList(const DeliveredList& item,

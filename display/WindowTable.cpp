@@ -147,8 +147,7 @@ std::shared_ptr<GuiTask> WindowTable::show(Draw& draw) {
             if (each.picture->image.empty()) continue;
             try {
                 cv::imshow(each.entry->name, each.picture->image);
-                if (draw.titled && each.entry->view != imaging::kFramerate &&
-                    autosizeProperty(each.entry->name) >= 0.0)
+                if (draw.titled && each.entry->view != imaging::kFramerate && autosizeProperty(each.entry->name) >= 0.0)
                     cv::setWindowTitle(each.entry->name, each.entry->name + each.picture->readout);
             } catch (const cv::Exception&) {
                 // A window lost between the check and the call: the next list shows it again.

@@ -110,7 +110,44 @@ cv::Scalar inverseOf(const cv::Mat& image, cv::Point point) {
     return {255.0 - pixel[0], 255.0 - pixel[1], 255.0 - pixel[2], 0};
 }
 
+// The read-out of a cloud's depth picture at `point`: the frame's z there in millimetres,
+// truncated, and the marker colour from the picture.
+void readCloudDepth(const float* z, int width, int height, cv::Point point, WindowImage& picture) {
+    const cv::Size display = picture.image.size();
+    const auto at =
+        sourceIndex(nearestMap(height, display.height), nearestMap(width, display.width), width, display, point);
+    picture.readout = readoutText(point.x, point.y, 'z', at < 0 ? 0 : static_cast<int>(z[at] * 1000.0));
+    picture.marker = inverseOf(picture.image, point);
+}
+
+// The x, y and z planes of a 32-bit float cloud of either type; null for other frames.
+const float* cloudPlanes(const std::shared_ptr<hs::LumoraFrame>& frame) {
+    if (!frame) return nullptr;
+    if (const auto cloud = hs::frame_cast_pcl32f(frame)) return cloud.x();
+    if (const auto cloud = hs::frame_cast_ipcl32f(frame)) return cloud.x();
+    return nullptr;
+}
+
 }  // namespace
+
+bool samePoints(const std::shared_ptr<hs::LumoraFrame>& a, const std::shared_ptr<hs::LumoraFrame>& b) {
+    const float* first = cloudPlanes(a);
+    const float* second = cloudPlanes(b);
+    if (first == nullptr || second == nullptr || a->width() != b->width() || a->height() != b->height()) return false;
+    // The planes lie back to back: x, y, then z.
+    return std::memcmp(first, second, 3 * a->elementCount() * sizeof(float)) == 0;
+}
+
+void copyCloudPicture(const std::shared_ptr<hs::LumoraFrame>& frame, const WindowImage& converted, cv::Point point,
+                      WindowImage& picture) {
+    const float* planes = cloudPlanes(frame);
+    if (planes == nullptr || converted.image.empty()) {
+        picture.image.release();
+        return;
+    }
+    converted.image.copyTo(picture.image);
+    readCloudDepth(planes + 2 * frame->elementCount(), frame->width(), frame->height(), point, picture);
+}
 
 cv::Size displaySize(cv::Size frame, int displayWidth, int displayHeight) {
     if (displayWidth > 0 && displayHeight > 0 && displayWidth < frame.width && displayHeight < frame.height)
@@ -295,13 +332,10 @@ void convertPointCloud(ConversionContext& context, const std::shared_ptr<hs::Lum
         }
     }
 
-    const std::vector<int> rows = nearestMap(height, display.height);
-    const std::vector<int> columns = nearestMap(width, display.width);
-    const auto depthAt = sourceIndex(rows, columns, width, display, depthPoint);
-    depthImage.readout =
-        readoutText(depthPoint.x, depthPoint.y, 'z', depthAt < 0 ? 0 : static_cast<int>(z[depthAt] * 1000.0));
-    depthImage.marker = inverseOf(depthImage.image, depthPoint);
+    readCloudDepth(z, width, height, depthPoint, depthImage);
     if (withIntensity) {
+        const std::vector<int> rows = nearestMap(height, display.height);
+        const std::vector<int> columns = nearestMap(width, display.width);
         const auto at = sourceIndex(rows, columns, width, display, intensityPoint);
         intensityImage->readout =
             readoutText(intensityPoint.x, intensityPoint.y, 'a', at < 0 ? 0 : toSample(intensity[at]));

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <map>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -158,6 +159,7 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
     const int height = 128;
     Projection lens = defaultProjection({width, height});
     lens.intrinsics = {50.0, 50.0, 80.0, 64.0};
+    std::map<int, std::pair<Frame, cv::Mat>> converted;
     for (const auto type : {hs::LumoraFrame::FRAME_POINTCLOUD, hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
         Frame frame = hs::sim::make_frame(type, hs::DATA_TYPE_FLOAT32, width, height, 1, 0);
         auto* planes = static_cast<float*>(hs::sim::frame_data(frame));
@@ -204,9 +206,24 @@ TEST_F(FrameConversion, ProjectsAKnownPlaneOntoItsPixels) {
         } else {
             EXPECT_TRUE(intensity.image.empty());
         }
+        converted[type] = {frame, depth.image};
     }
-    // 16-bit point clouds are not drawn.
-    WindowImage depth;
+    // Both clouds hold the same points: the depth picture of one serves the other, with its
+    // own read-out; a single point apart, they are not the same.
+    const auto& [cloud, cloudImage] = converted[hs::LumoraFrame::FRAME_POINTCLOUD];
+    const auto& [intensityCloud, intensityImage] = converted[hs::LumoraFrame::FRAME_INTENSITY_POINTCLOUD];
+    ASSERT_TRUE(samePoints(cloud, intensityCloud));
+    WindowImage copied{cv::Mat(height, width, CV_8UC3, cv::Scalar::all(255)), {}, {}};
+    copyCloudPicture(cloud, WindowImage{intensityImage, {}, {}}, {40, 30}, copied);
+    EXPECT_EQ(cv::norm(copied.image, cloudImage, cv::NORM_INF), 0.0);
+    EXPECT_EQ(copied.readout, "  x:40, y:30, z:2000");
+    static_cast<float*>(hs::sim::frame_data(cloud))[7] += 0.001F;
+    EXPECT_FALSE(samePoints(cloud, intensityCloud));
+    // A picture drawn over in place is the one drawn afresh: nothing of the old one is left.
+    WindowImage depth{cv::Mat(height, width, CV_8UC3, cv::Scalar::all(255)), {}, {}};
+    convertPointCloud(mContext, intensityCloud, lens, {width, height}, {5, 6}, {5, 6}, depth, nullptr);
+    EXPECT_EQ(cv::norm(depth.image, intensityImage, cv::NORM_INF), 0.0);
+    // 16-bit point clouds are not drawn, and a picture passed in is not left in place.
     convertPointCloud(mContext,
                       hs::sim::make_frame(hs::LumoraFrame::FRAME_POINTCLOUD, hs::DATA_TYPE_UINT16, 8, 8, 1, 0), lens,
                       {8, 8}, {0, 0}, {0, 0}, depth, nullptr);

@@ -85,6 +85,18 @@ void convertPointCloud(ConversionContext& context, const std::shared_ptr<halden:
                        const Projection& projection, cv::Size display, cv::Point depthPoint, cv::Point intensityPoint,
                        WindowImage& depthImage, WindowImage* intensityImage);
 
+// Whether two 32-bit float point clouds (either type) hold the same points: the same size
+// and x, y and z planes alike, so that they project onto the same depth picture.
+bool samePoints(const std::shared_ptr<halden::sensor::LumoraFrame>& a,
+                const std::shared_ptr<halden::sensor::LumoraFrame>& b);
+
+// The depth picture of `frame` made from `converted`, the depth picture of a cloud with the
+// same points (samePoints) at the same display size: its image copied into `picture` (drawn
+// over as by convertDepthAmplitude), with the read-out of `frame` at `point` and its marker
+// colour. An empty `converted` leaves `picture` empty.
+void copyCloudPicture(const std::shared_ptr<halden::sensor::LumoraFrame>& frame, const WindowImage& converted,
+                      cv::Point point, WindowImage& picture);
+
 // A filled circle of radius 4 in the marker colour at the point (clipped at the border).
 void drawMarker(WindowImage& image, cv::Point point);
 
