@@ -119,6 +119,8 @@ TEST_F(CameraProperties, KeysRoundTripAndNamedCollectionsMirrorThem) {
         {make_property_string("sim_scene", "room"), DATA_TYPE_STRING, "room"},
         {make_property_64f("sim_noise", 2.5), DATA_TYPE_FLOAT64, "2.500000"},
         {make_property_32s("sim_noise", 0), DATA_TYPE_FLOAT64, "0.000000"},
+        {make_property_32s("sim_loop", 300), DATA_TYPE_INT32, "300"},
+        {make_property_32s("sim_loop", 0), DATA_TYPE_INT32, "0"},
     };
     for (const auto& c : cases) {
         const std::string key = c.set->key();
@@ -212,6 +214,9 @@ TEST_F(CameraProperties, RejectedValuesChangeNothingAndCollectionsAreSetAllOrNot
         {make_property_bool("sim_noise", true), RESULT_INVALID_PARAMETER},
         {make_property_64f("sim_noise", -0.5), RESULT_OUT_OF_RANGE},
         {make_property_64f("sim_noise", 1000.5), RESULT_OUT_OF_RANGE},
+        {make_property_64f("sim_loop", 1.5), RESULT_INVALID_PARAMETER},
+        {make_property_32s("sim_loop", -1), RESULT_OUT_OF_RANGE},
+        {make_property_32s("sim_loop", 301), RESULT_OUT_OF_RANGE},
     };
     for (const auto& entry : rejected) {
         EXPECT_EQ(camera->setProperty(entry.property), entry.expected)
@@ -237,6 +242,7 @@ TEST_F(CameraProperties, RejectedValuesChangeNothingAndCollectionsAreSetAllOrNot
     EXPECT_EQ(read(camera, "width")->getInt32(), 64);
     EXPECT_EQ(read(camera, "sim_scene")->toString(), "room");
     EXPECT_EQ(read(camera, "sim_noise")->getDouble(-1.0), 0.0);
+    EXPECT_EQ(read(camera, "sim_loop")->getInt32(-1), 0);
     EXPECT_EQ(camera->setProperties(make_properties("empty")), RESULT_SUCCESS);
 
     // The range is checked as a whole: moving both bounds past the old maximum is one valid change,

@@ -165,6 +165,8 @@ const CameraKey kCameraKeys[] = {
      [](const CameraFacts& f) -> Reading { return std::string(f.settings.scene.text.data()); }, write_scene},
     {"sim_noise", DATA_TYPE_FLOAT64, kSingle, [](const CameraFacts& f) -> Reading { return f.settings.noise; },
      write_noise},
+    {"sim_loop", DATA_TYPE_INT32, kSingle, [](const CameraFacts& f) -> Reading { return f.settings.loop; },
+     [](const LumoraProperty& p, const DeviceConfig&, SceneSettings& s) { return integer_value(p, 0, 300, s.loop); }},
     {"model", DATA_TYPE_STRING, kSingle | kDeviceInfo, [](const CameraFacts& f) -> Reading { return f.device.model; },
      nullptr},
     {"serial_number", DATA_TYPE_STRING, kSingle | kDeviceInfo,

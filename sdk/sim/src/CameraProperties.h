@@ -5,6 +5,8 @@
 //              the view (SceneChoice)
 //   sim_noise  the deviation (mm) of Gaussian depth noise in place of the sensor's, 0 to
 //              1000; 0 (the default) keeps the sensor's
+//   sim_loop   0 (the default) renders every list; 1 to 300 renders that many lists of a run
+//              once and delivers them again in turn, stamped afresh
 #pragma once
 
 #include <memory>

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -22,6 +23,8 @@ constexpr int kIntegrationTimeUs = 1000;
 // stays well above the default amplitude threshold across a 70 degree view.
 constexpr float kWallReflectivity = 4.0F;
 constexpr float kNowhere = 1e6F;  // the depth (mm) of a ray that meets nothing: out of any range
+
+std::atomic<std::uint64_t> gRenderedLists{0};
 
 // Gaussian noise of unit deviation, the same in every process. A list reads it from an
 // offset of its own, so the draws of pixels 65536 apart in one list are equal, and those
@@ -433,8 +436,11 @@ std::shared_ptr<SimFrameList> Scene::makeList(std::uint32_t mask, const SceneSet
     return list;
 }
 
+std::uint64_t Scene::renderedLists() { return gRenderedLists.load(std::memory_order_relaxed); }
+
 void Scene::render(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings,
                    SimFrameList& list) {
+    gRenderedLists.fetch_add(1, std::memory_order_relaxed);
     shade(frameNumber, settings);
     const std::size_t n = mDepth.size();
     for (const auto& frame : list.frames()) {

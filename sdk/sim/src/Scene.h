@@ -47,6 +47,8 @@ struct SceneSettings {
     // The deviation in millimetres of Gaussian depth noise, independent per pixel and per
     // list, that replaces the sensor's own depth noise; 0 keeps the sensor's.
     double noise = 0.0;
+    // Lists the camera renders once and then delivers again in turn; 0 renders every list.
+    int loop = 0;
 
     DataType dataTypeOf(LumoraFrame::FrameType type) const {
         return type <= LumoraFrame::FRAME_AMPLITUDE ? basicDataType : pointCloudDataType;
@@ -57,7 +59,7 @@ struct SceneSettings {
         return amplitudeThreshold == other.amplitudeThreshold && fps == other.fps && rangeMin == other.rangeMin &&
                rangeMax == other.rangeMax && illumination == other.illumination &&
                basicDataType == other.basicDataType && pointCloudDataType == other.pointCloudDataType &&
-               scene.sameView(other.scene) && noise == other.noise;
+               scene.sameView(other.scene) && noise == other.noise && loop == other.loop;
     }
 };
 
@@ -90,6 +92,8 @@ public:
     static std::vector<LensCalibration> lensesOf(const DeviceConfig& device, const ModelInfo& model);
     // Sensor temperature in degrees Celsius, t seconds after power-up.
     static double temperatureAt(double seconds);
+    // Lists rendered so far by every scene of the process.
+    static std::uint64_t renderedLists();
 
     // A list with one frame of this scene's size for each type in the mask, in the data
     // types of the settings; its planes are not initialised.
