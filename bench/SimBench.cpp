@@ -1,11 +1,12 @@
-// The simulated library's costs: rendering a frame list, copying one, and the pacing of
-// delivery.
+// The simulated library's costs: rendering a frame list, copying one, the pacing of
+// delivery, and the delivery thread's processor time per list with and without a loop.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <vector>
 
@@ -119,5 +120,73 @@ void BM_DeliveryInterval30fps(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_DeliveryInterval30fps)->Unit(benchmark::kSecond)->Iterations(1);
+
+// At each list, the processor time of the thread that calls it (the camera's delivery
+// thread) and the lists rendered so far, in storage reserved beforehand.
+class ProcessorTimeSink : public LumoraSink {
+public:
+    struct Note {
+        double seconds;
+        std::uint64_t rendered;
+    };
+    explicit ProcessorTimeSink(std::size_t lists) : mLists(lists) { mNotes.reserve(lists); }
+    std::string name() const override { return "ProcessorTimeSink"; }
+    void onLumoraCameraState(LumoraSource*, LumoraCamera::State) override {}
+    void onLumoraCameraError(LumoraSource*, Result) override {}
+    void onLumoraFrameList(LumoraSource*, const std::shared_ptr<LumoraFrameList>&) override {
+        timespec now{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        const std::uint64_t rendered = sim::Scene::renderedLists();
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mNotes.size() == mLists) return;
+        mNotes.push_back({static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9, rendered});
+        if (mNotes.size() == mLists) mDone.notify_all();
+    }
+    // The notes of every list; empty when they did not all come.
+    std::vector<Note> wait() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        if (!mDone.wait_for(lock, std::chrono::seconds(60), [&] { return mNotes.size() == mLists; })) return {};
+        return mNotes;
+    }
+
+private:
+    const std::size_t mLists;
+    std::mutex mMutex;
+    std::condition_variable mDone;
+    std::vector<Note> mNotes;
+};
+
+// The delivery thread's processor time per list of the VGA camera delivering all four frame
+// types at 60 fps, rendering every list (sim_loop 0) or looping 30 (sim_loop 30), counted
+// from list 40, when a loop is rendered and the pool of lists full: the difference is the
+// rendering's share. renders_per_list over the same lists shows what the loop renders.
+void BM_DeliveryThreadVgaAllTypes(benchmark::State& state) {
+    constexpr std::size_t kFrom = 40;
+    constexpr std::size_t kLists = 160;
+    for (auto _ : state) {
+        auto sources = search_camera_source();
+        auto camera = sources ? create_camera(sources->find("sim:0")) : nullptr;
+        if (!camera) {
+            state.SkipWithError("no camera on sim:0");
+            return;
+        }
+        ProcessorTimeSink sink(kLists);
+        camera->addSink(&sink);
+        camera->setProperty(make_property_64f("framerate", 60.0));
+        camera->setProperty(make_property_32s("sim_loop", static_cast<std::int32_t>(state.range(0))));
+        camera->prepare();
+        camera->run(2 | 4 | 8 | 16);
+        const auto notes = sink.wait();
+        destroy_camera(camera);
+        if (notes.empty()) {
+            state.SkipWithError("lists did not come");
+            return;
+        }
+        const auto lists = static_cast<double>(kLists - 1 - kFrom);
+        state.counters["cpu_ms_per_list"] = (notes.back().seconds - notes[kFrom].seconds) * 1e3 / lists;
+        state.counters["renders_per_list"] = static_cast<double>(notes.back().rendered - notes[kFrom].rendered) / lists;
+    }
+}
+BENCHMARK(BM_DeliveryThreadVgaAllTypes)->Arg(0)->Arg(30)->Unit(benchmark::kSecond)->Iterations(1);
 
 }  // namespace

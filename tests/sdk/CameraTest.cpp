@@ -432,6 +432,74 @@ TEST_F(CameraTest, ListsHeldBySinksAreNotRewritten) {
     sink.close(camera);
 }
 
+// A loop of three: every third list holds the same pictures under fresh stamps and lines;
+// each loop is rendered once, again after a change of settings (here the wall, set while
+// streaming); a list a sink still holds is not restamped.
+TEST_F(CameraTest, LoopDeliversItsListsAgainRestampedAndRendersEachOnce) {
+    RecordingSink sink(40);
+    const auto camera = open(0);
+    ASSERT_EQ(camera->setProperty(make_property_32s("sim_loop", 3)), RESULT_SUCCESS);
+    ASSERT_EQ(camera->setProperty(make_property_bool("embedded_data_line", true)), RESULT_SUCCESS);
+    std::mutex mutex;
+    std::shared_ptr<LumoraFrameList> held;
+    sink.onFrames = [&](const std::shared_ptr<LumoraFrameList>& list) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!held) held = list;
+    };
+    const std::uint64_t rendered = sim::Scene::renderedLists();
+    ASSERT_TRUE(stream(sink, camera, kAllTypes));
+    ASSERT_TRUE(sink.kept.waitFor(12));
+    const std::size_t beforeChange = sink.kept.size();
+    ASSERT_EQ(camera->setProperty(make_property_string("sim_scene", "wall:1000")), RESULT_SUCCESS);
+    const std::size_t changedAt = sink.kept.size();
+    ASSERT_TRUE(sink.kept.waitFor(changedAt + 10));
+    ASSERT_EQ(camera->stop(), RESULT_SUCCESS);
+    EXPECT_EQ(sim::Scene::renderedLists() - rendered, 6U);
+
+    const auto kept = sink.kept.all();
+    const auto wall = [&](std::size_t k) {
+        const auto depth = frame_cast_basic16u(find_frame(kept[k], LumoraFrame::FRAME_DEPTH));
+        return std::all_of(depth.data(), depth.data() + depth.size(), [](int d) { return std::abs(d - 1000) < 60; });
+    };
+    // The wall shows from the list after the one rendered ahead of the change, at the latest.
+    std::size_t wallFrom = 0;
+    while (wallFrom < kept.size() && !wall(wallFrom))
+        ++wallFrom;
+    EXPECT_GE(wallFrom, beforeChange);
+    EXPECT_LE(wallFrom, changedAt + 1);
+    for (std::size_t k = 0; k < kept.size(); ++k) {
+        SCOPED_TRACE(testing::Message() << "list " << k);
+        EXPECT_EQ(wall(k), k >= wallFrom);
+        for (std::size_t f = 0; f < kept[k]->size(); ++f) {
+            const auto line = line_of(*kept[k]->at(f));
+            ASSERT_EQ(line.size(), 64U);
+            std::uint32_t counter = 0;
+            std::uint64_t timestamp = 0;
+            std::memcpy(&counter, line.data() + sim::EmbeddedLineLayout::kFrameCounter, sizeof counter);
+            std::memcpy(&timestamp, line.data() + sim::EmbeddedLineLayout::kTimestamp, sizeof timestamp);
+            EXPECT_EQ(counter, kept[k]->frameNumber());
+            EXPECT_EQ(timestamp, kept[k]->timestamp());
+        }
+        if (k == 0) continue;
+        EXPECT_GT(kept[k]->frameNumber(), kept[k - 1]->frameNumber());
+        EXPECT_GT(kept[k]->timestamp(), kept[k - 1]->timestamp());
+        // The lists of one loop: the room's, then the wall's.
+        for (std::size_t j = k < wallFrom ? 0 : wallFrom; j < k; ++j) {
+            for (std::size_t f = 0; f < kept[k]->size(); ++f) {
+                const auto& a = *kept[k]->at(f);
+                const auto& b = *std::static_pointer_cast<sim::SimFrame>(kept[j]->at(f));
+                EXPECT_EQ(std::memcmp(a.data(), b.data(), b.byteSize()) == 0, (k - j) % 3 == 0) << "and list " << j;
+            }
+        }
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    for (std::size_t f = 0; f < held->size(); ++f) {
+        EXPECT_TRUE(same_frame(*held->at(f), *std::static_pointer_cast<sim::SimFrame>(kept[0]->at(f))));
+    }
+    held.reset();
+    sink.close(camera);
+}
+
 TEST_F(CameraTest, PublishedCalibrationDescribesTheDeliveredPointCloud) {
     for (const std::size_t index : {0U, 2U}) {
         RecordingSink sink(1);

@@ -114,6 +114,13 @@ TEST_F(CameraProperties, KeysRoundTripAndNamedCollectionsMirrorThem) {
         {make_property_32s("pointcloud_data_type", DATA_TYPE_UINT16), DATA_TYPE_INT32, "5"},
         {make_property_32s("depth_data_type", DATA_TYPE_UINT16), DATA_TYPE_INT32, "5"},
         {make_property_32s("pointcloud_data_type", DATA_TYPE_FLOAT32), DATA_TYPE_INT32, "8"},
+        {make_property_string("sim_scene", "wall:1500:10"), DATA_TYPE_STRING, "wall:1500:10"},
+        {make_property_string("sim_scene", "wall:7000.0:-79.5"), DATA_TYPE_STRING, "wall:7000.0:-79.5"},
+        {make_property_string("sim_scene", "room"), DATA_TYPE_STRING, "room"},
+        {make_property_64f("sim_noise", 2.5), DATA_TYPE_FLOAT64, "2.500000"},
+        {make_property_32s("sim_noise", 0), DATA_TYPE_FLOAT64, "0.000000"},
+        {make_property_32s("sim_loop", 300), DATA_TYPE_INT32, "300"},
+        {make_property_32s("sim_loop", 0), DATA_TYPE_INT32, "0"},
     };
     for (const auto& c : cases) {
         const std::string key = c.set->key();
@@ -190,6 +197,26 @@ TEST_F(CameraProperties, RejectedValuesChangeNothingAndCollectionsAreSetAllOrNot
         {make_property_32s("height", 32), RESULT_INVALID_OPERATION},
         {make_property_64f("temperature", 20.0), RESULT_INVALID_OPERATION},
         {make_property_32s("fw_version", 1), RESULT_INVALID_OPERATION},
+        {make_property_32s("sim_scene", 1500), RESULT_INVALID_PARAMETER},
+        {make_property_string("sim_scene", "wall"), RESULT_INVALID_PARAMETER},
+        {make_property_string("sim_scene", "Wall:1500"), RESULT_INVALID_PARAMETER},
+        {make_property_string("sim_scene", "wall:"), RESULT_INVALID_PARAMETER},
+        {make_property_string("sim_scene", "wall: 1500"), RESULT_INVALID_PARAMETER},
+        {make_property_string("sim_scene", "wall:1e3"), RESULT_INVALID_PARAMETER},
+        {make_property_string("sim_scene", "wall:1500:"), RESULT_INVALID_PARAMETER},
+        {make_property_string("sim_scene", "wall:1500:10:5"), RESULT_INVALID_PARAMETER},
+        {make_property_string("sim_scene", "wall:1500:1." + std::string(30, '0')), RESULT_INVALID_PARAMETER},
+        {make_property_string("sim_scene", "wall:99.5"), RESULT_OUT_OF_RANGE},
+        {make_property_string("sim_scene", "wall:7000.5"), RESULT_OUT_OF_RANGE},
+        {make_property_string("sim_scene", "wall:1500:80"), RESULT_OUT_OF_RANGE},
+        {make_property_string("sim_scene", "wall:1500:-80"), RESULT_OUT_OF_RANGE},
+        {make_property_string("sim_noise", "5"), RESULT_INVALID_PARAMETER},
+        {make_property_bool("sim_noise", true), RESULT_INVALID_PARAMETER},
+        {make_property_64f("sim_noise", -0.5), RESULT_OUT_OF_RANGE},
+        {make_property_64f("sim_noise", 1000.5), RESULT_OUT_OF_RANGE},
+        {make_property_64f("sim_loop", 1.5), RESULT_INVALID_PARAMETER},
+        {make_property_32s("sim_loop", -1), RESULT_OUT_OF_RANGE},
+        {make_property_32s("sim_loop", 301), RESULT_OUT_OF_RANGE},
     };
     for (const auto& entry : rejected) {
         EXPECT_EQ(camera->setProperty(entry.property), entry.expected)
@@ -213,6 +240,9 @@ TEST_F(CameraProperties, RejectedValuesChangeNothingAndCollectionsAreSetAllOrNot
     EXPECT_EQ(camera->setProperties(nullptr), RESULT_INVALID_PARAMETER);
     EXPECT_EQ(settings_text(camera), before);
     EXPECT_EQ(read(camera, "width")->getInt32(), 64);
+    EXPECT_EQ(read(camera, "sim_scene")->toString(), "room");
+    EXPECT_EQ(read(camera, "sim_noise")->getDouble(-1.0), 0.0);
+    EXPECT_EQ(read(camera, "sim_loop")->getInt32(-1), 0);
     EXPECT_EQ(camera->setProperties(make_properties("empty")), RESULT_SUCCESS);
 
     // The range is checked as a whole: moving both bounds past the old maximum is one valid change,

@@ -65,6 +65,9 @@ TEST_F(ReplayTest, EachModePlaysItsRecordsInALoopAndRefusesWhatItCannotServe) {
         // A recording cannot follow new sensor settings, nor give lines it does not hold.
         EXPECT_EQ(camera->setProperty(make_property_64f("framerate", 10.0)), RESULT_INVALID_OPERATION);
         EXPECT_EQ(camera->setProperty(make_property_32s("amplitude_threshold", 99)), RESULT_INVALID_OPERATION);
+        EXPECT_EQ(camera->setProperty(make_property_string("sim_scene", "wall:1000")), RESULT_INVALID_OPERATION);
+        EXPECT_EQ(camera->setProperty(make_property_64f("sim_noise", 5.0)), RESULT_INVALID_OPERATION);
+        EXPECT_EQ(camera->setProperty(make_property_32s("sim_loop", 3)), RESULT_INVALID_OPERATION);
         EXPECT_EQ(camera->setProperty(make_property_bool("embedded_data_line", true)),
                   lines ? RESULT_SUCCESS : RESULT_NOT_SUPPORTED);
 

@@ -1,7 +1,11 @@
 #include "CameraProperties.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 
 #include "SimProperty.h"
 
@@ -67,7 +71,62 @@ Result write_framerate(const LumoraProperty& property, const DeviceConfig& devic
     return RESULT_SUCCESS;
 }
 
-// In the order the collections list them.
+// A decimal number such as "1500", "-12.5" or "+3.": a sign, digits, a point, digits.
+bool parse_decimal(const std::string& text, double& out) {
+    std::size_t i = text.empty() || (text[0] != '+' && text[0] != '-') ? 0 : 1;
+    std::size_t digits = 0;
+    bool point = false;
+    for (; i < text.size(); ++i) {
+        if (text[i] == '.' && !point) {
+            point = true;
+        } else if (std::isdigit(static_cast<unsigned char>(text[i])) != 0) {
+            ++digits;
+        } else {
+            return false;
+        }
+    }
+    if (digits == 0) return false;
+    out = std::strtod(text.c_str(), nullptr);
+    return true;
+}
+
+// "room", or "wall:DISTANCE_MM[:ANGLE_DEG]": the wall 100 mm to the model's range away,
+// turned less than 80 degrees.
+Result write_scene(const LumoraProperty& property, const DeviceConfig& device, SceneSettings& settings) {
+    if (property.dataType() != DATA_TYPE_STRING) return RESULT_INVALID_PARAMETER;
+    const std::string text = property.getString("");
+    if (text.size() >= SceneChoice::kTextSize) return RESULT_INVALID_PARAMETER;
+    SceneChoice choice;
+    if (text != "room") {
+        constexpr char kWall[] = "wall:";
+        if (text.compare(0, sizeof kWall - 1, kWall) != 0) return RESULT_INVALID_PARAMETER;
+        const std::string numbers = text.substr(sizeof kWall - 1);
+        const auto colon = numbers.find(':');
+        if (!parse_decimal(numbers.substr(0, colon), choice.distance) ||
+            (colon != std::string::npos && !parse_decimal(numbers.substr(colon + 1), choice.angle))) {
+            return RESULT_INVALID_PARAMETER;
+        }
+        if (choice.distance < 100.0 || choice.distance > model_info(device.model).rangeMax ||
+            std::fabs(choice.angle) >= 80.0) {
+            return RESULT_OUT_OF_RANGE;
+        }
+        choice.wall = true;
+    }
+    choice.text = {};
+    std::memcpy(choice.text.data(), text.data(), text.size());
+    settings.scene = choice;
+    return RESULT_SUCCESS;
+}
+
+Result write_noise(const LumoraProperty& property, const DeviceConfig& /*device*/, SceneSettings& settings) {
+    double sigma = 0.0;
+    if (property.dataType() == DATA_TYPE_BOOL || !numeric_value(&property, sigma)) return RESULT_INVALID_PARAMETER;
+    if (!(sigma >= 0.0 && sigma <= 1000.0)) return RESULT_OUT_OF_RANGE;  // NaN too
+    settings.noise = sigma;
+    return RESULT_SUCCESS;
+}
+
+// In the order the collections list them; the simulation's own keys are reached singly.
 const CameraKey kCameraKeys[] = {
     {"amplitude_threshold", DATA_TYPE_INT32, kSingle | kSettings,
      [](const CameraFacts& f) -> Reading { return f.settings.amplitudeThreshold; },
@@ -102,6 +161,12 @@ const CameraKey kCameraKeys[] = {
      [](const LumoraProperty& p, const DeviceConfig&, SceneSettings& s) {
          return write_data_type(p, s.pointCloudDataType);
      }},
+    {"sim_scene", DATA_TYPE_STRING, kSingle,
+     [](const CameraFacts& f) -> Reading { return std::string(f.settings.scene.text.data()); }, write_scene},
+    {"sim_noise", DATA_TYPE_FLOAT64, kSingle, [](const CameraFacts& f) -> Reading { return f.settings.noise; },
+     write_noise},
+    {"sim_loop", DATA_TYPE_INT32, kSingle, [](const CameraFacts& f) -> Reading { return f.settings.loop; },
+     [](const LumoraProperty& p, const DeviceConfig&, SceneSettings& s) { return integer_value(p, 0, 300, s.loop); }},
     {"model", DATA_TYPE_STRING, kSingle | kDeviceInfo, [](const CameraFacts& f) -> Reading { return f.device.model; },
      nullptr},
     {"serial_number", DATA_TYPE_STRING, kSingle | kDeviceInfo,

@@ -1,5 +1,12 @@
 // A camera's keys: one table says for each its type, whether it can be written, how it is
-// read and written, and which of the camera's named collections hold it.
+// read and written, and which of the camera's named collections hold it. The simulation's
+// own keys are reached only singly, so that the collections read as a sensor's:
+//   sim_scene  "room" (the default), or "wall:DISTANCE_MM[:ANGLE_DEG]": a flat wall filling
+//              the view (SceneChoice)
+//   sim_noise  the deviation (mm) of Gaussian depth noise in place of the sensor's, 0 to
+//              1000; 0 (the default) keeps the sensor's
+//   sim_loop   0 (the default) renders every list; 1 to 300 renders that many lists of a run
+//              once and delivers them again in turn, stamped afresh
 #pragma once
 
 #include <memory>
@@ -30,8 +37,8 @@ Result check_camera_settings(const SceneSettings& settings);
 
 // The key's value; null for a key that is not a camera's.
 std::shared_ptr<LumoraProperty> read_camera_property(const std::string& key, const CameraFacts& facts);
-// The collection "settings" (the writable keys), "device_info" or "fw_info"; null for any
-// other name.
+// The collection "settings" (the sensor's writable keys), "device_info" or "fw_info"; null
+// for any other name.
 std::shared_ptr<LumoraProperties> read_camera_collection(const std::string& name, const CameraFacts& facts);
 
 }  // namespace halden::sensor::sim

@@ -8,15 +8,19 @@
 //   callback cannot deadlock a concurrent stop(). A change of settings from another thread
 //   waits for a hand-over under way, so the next list handed over shows it; the line of a
 //   list filled ahead is rewritten at hand-over when the switch changed meanwhile. Faults
-//   (sim_fault) spoil the lists at hand-over, or hold delivery back before it.
+//   (sim_fault) spoil the lists at hand-over, or hold delivery back before it. A loop
+//   (sim_loop) is the delivery thread's alone: it renders the loop's lists once and hands
+//   them over again, restamped in place while no sink holds them.
 // - Events (mEvents): state and error callbacks in the order the life cycle produced them,
 //   one at a time. Posting never waits, so sinks may block in their state callbacks
 //   (joining threads of their own) while the camera's operations go on. close() drains the
 //   queue, so no sink hears of the camera after destroy_camera().
 #include "SimCamera.h"
 
+#include <cstring>
 #include <utility>
 
+#include <halden/sensor/Log.h>
 #include <pthread.h>
 
 namespace halden::sensor::sim {
@@ -24,6 +28,31 @@ namespace halden::sensor::sim {
 namespace {
 
 constexpr std::size_t kPoolLimit = 8;
+// A loop holds at most this much; a longer one loops as many lists as fit.
+constexpr std::size_t kLoopBytes = std::size_t{1} << 30;
+
+std::size_t bytes_per_list(std::uint32_t mask, const SceneSettings& settings, int width, int height) {
+    std::size_t bytes = 0;
+    for (const auto type : {LumoraFrame::FRAME_DEPTH, LumoraFrame::FRAME_AMPLITUDE, LumoraFrame::FRAME_POINTCLOUD,
+                            LumoraFrame::FRAME_INTENSITY_POINTCLOUD}) {
+        if ((mask & type) == 0) continue;
+        const std::size_t element = settings.dataTypeOf(type) == DATA_TYPE_UINT16 ? 2 : 4;
+        bytes += SimFrame::planesOf(type) * element * static_cast<std::size_t>(width) * height;
+    }
+    return bytes;
+}
+
+// True when no sink holds the list or any part of it, so that it may be rewritten.
+bool reusable(const std::shared_ptr<SimFrameList>& list) {
+    if (!list->unshared(list)) return false;
+#ifndef __SANITIZE_THREAD__
+    // The count is read relaxed; the fence orders the sinks' last reads of the list
+    // (published by their releasing decrement) before our rewriting of it.
+    // ThreadSanitizer does not model fences and g++ refuses them under it.
+    std::atomic_thread_fence(std::memory_order_acquire);
+#endif
+    return true;
+}
 
 }  // namespace
 
@@ -71,10 +100,8 @@ void SimCamera::deliver() {
             const SceneSettings settings = mSettings;
             const std::uint32_t mask = mWanted;
             lock.unlock();
-            auto pooled = acquireList(mask, settings);
             aheadDue = microsecondsSinceOpen(deadline);
-            mFrames->fill(frameNumber, aheadDue, settings, *pooled);
-            ahead = std::move(pooled);
+            ahead = nextList(frameNumber, aheadDue, mask, settings);
             aheadInterval = pace.interval;
             aheadLines = settings.embeddedDataLine;
             lock.lock();
@@ -104,6 +131,7 @@ void SimCamera::deliver() {
             sinceAnchor = Seconds(0.0);
         }
     }
+    mLoop.lists.clear();  // a stopped camera holds no loop
 }
 
 void SimCamera::handOver(std::shared_ptr<SimFrameList> own, std::unique_lock<std::mutex>& lock) {
@@ -130,6 +158,60 @@ std::uint64_t SimCamera::microsecondsSinceOpen(std::chrono::steady_clock::time_p
     return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(when - mOpened).count());
 }
 
+std::shared_ptr<SimFrameList> SimCamera::nextList(std::uint32_t frameNumber, std::uint64_t due, std::uint32_t mask,
+                                                  const SceneSettings& settings) {
+    if (settings.loop > 0) return loopedList(frameNumber, due, mask, settings);
+    mLoop.lists.clear();
+    auto list = acquireList(mask, settings);
+    mFrames->fill(frameNumber, due, settings, *list);
+    return list;
+}
+
+// The loop starts afresh with a new mask or a change of settings other than the line: its
+// first turn renders each of its lists, as the frame at hand (into the lists of the loop
+// before when their frames fit and no sink holds them); the turns after that only stamp a
+// list and write its line, in place, or into a pooled copy while a sink still holds it.
+std::shared_ptr<SimFrameList> SimCamera::loopedList(std::uint32_t frameNumber, std::uint64_t due, std::uint32_t mask,
+                                                    const SceneSettings& settings) {
+    const int width = mSource->device().width;
+    const int height = mSource->device().height;
+    if (mLoop.lists.empty() || mLoop.mask != mask || !mLoop.settings.sameButLine(settings)) {
+        const std::size_t wanted = static_cast<std::size_t>(settings.loop);
+        const std::size_t fits = std::max<std::size_t>(1, kLoopBytes / bytes_per_list(mask, settings, width, height));
+        if (fits < wanted) {
+            Log::w(LUMORA_LOG_TAG("Delivery"), "%s: a loop of %zu lists would hold more than %zu MiB; looping %zu\n",
+                   mSource->uri().c_str(), wanted, kLoopBytes >> 20, fits);
+        }
+        if (mLoop.mask != mask || mLoop.settings.basicDataType != settings.basicDataType ||
+            mLoop.settings.pointCloudDataType != settings.pointCloudDataType) {
+            mLoop.lists.clear();
+        }
+        mLoop.lists.resize(std::min(wanted, fits));
+        mLoop.turns = 0;
+        mLoop.mask = mask;
+        mLoop.settings = settings;
+    }
+    auto& own = mLoop.lists[mLoop.turns % mLoop.lists.size()];
+    if (mLoop.turns++ < mLoop.lists.size()) {
+        if (!own || !reusable(own)) own = Scene::makeList(mask, settings, width, height);
+        mFrames->fill(frameNumber, due, settings, *own);
+        return own;
+    }
+    std::shared_ptr<SimFrameList> list;
+    if (reusable(own)) {
+        list = own;
+    } else {
+        list = acquireList(mask, settings);
+        for (std::size_t i = 0; i < own->frames().size(); ++i) {
+            const SimFrame& frame = *own->frames()[i];
+            std::memcpy(list->frames()[i]->mutableData(), frame.data(), frame.byteSize());
+        }
+    }
+    list->stamp(frameNumber, due);
+    mFrames->writeLines(frameNumber, due, settings, *list);
+    return list;
+}
+
 // A pooled list that no sink still holds, so steady delivery allocates nothing. The pool
 // is rebuilt when the wanted types or data types change.
 std::shared_ptr<SimFrameList> SimCamera::acquireList(std::uint32_t mask, const SceneSettings& settings) {
@@ -143,15 +225,7 @@ std::shared_ptr<SimFrameList> SimCamera::acquireList(std::uint32_t mask, const S
     };
     if (!mPool.empty() && !matches(*mPool.front())) mPool.clear();
     for (const auto& list : mPool) {
-        if (list->unshared(list)) {
-            // The count is read relaxed; the fence orders the sinks' last reads of the
-            // list (published by their releasing decrement) before our rewriting of it.
-            // ThreadSanitizer does not model fences and g++ refuses them under it.
-#ifndef __SANITIZE_THREAD__
-            std::atomic_thread_fence(std::memory_order_acquire);
-#endif
-            return list;
-        }
+        if (reusable(list)) return list;
     }
     auto list = Scene::makeList(mask, settings, mSource->device().width, mSource->device().height);
     if (mPool.size() < kPoolLimit) mPool.push_back(list);

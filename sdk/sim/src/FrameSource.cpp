@@ -43,12 +43,7 @@ public:
 
     std::uint32_t frameTypes() const override { return mRecording->info().frameTypes(); }
     Result refuses(const SceneSettings& now, const SceneSettings& wanted) const override {
-        if (wanted.amplitudeThreshold != now.amplitudeThreshold || wanted.fps != now.fps ||
-            wanted.rangeMin != now.rangeMin || wanted.rangeMax != now.rangeMax ||
-            wanted.illumination != now.illumination || wanted.basicDataType != now.basicDataType ||
-            wanted.pointCloudDataType != now.pointCloudDataType) {
-            return RESULT_INVALID_OPERATION;
-        }
+        if (!wanted.sameButLine(now)) return RESULT_INVALID_OPERATION;
         if (wanted.embeddedDataLine && !mRecording->info().embeddedLines) return RESULT_NOT_SUPPORTED;
         return RESULT_SUCCESS;
     }

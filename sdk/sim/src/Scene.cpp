@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -18,8 +19,17 @@ constexpr float kSideWall = 2.0F;
 constexpr float kAmbient = 4.0F;      // amplitude of ambient light, also with illumination off
 constexpr float kDepthNoise = 70.0F;  // depth noise in mm at amplitude 1, falling with its root
 constexpr int kIntegrationTimeUs = 1000;
+// Four times the white target of the model's gain: a wall turned by 30 degrees 3 m away
+// stays well above the default amplitude threshold across a 70 degree view.
+constexpr float kWallReflectivity = 4.0F;
+constexpr float kNowhere = 1e6F;  // the depth (mm) of a ray that meets nothing: out of any range
 
-// Gaussian noise of unit deviation, the same in every process.
+std::atomic<std::uint64_t> gRenderedLists{0};
+
+// Gaussian noise of unit deviation, the same in every process. A list reads it from an
+// offset of its own, so the draws of pixels 65536 apart in one list are equal, and those
+// of two lists are the same run shifted: cheap, and fine for a picture, but not noise that
+// is independent per pixel (drawNoise() makes that).
 constexpr std::size_t kNoiseSize = 1U << 16;
 const std::array<float, kNoiseSize>& noise_table() {
     static const auto table = [] {
@@ -88,8 +98,8 @@ Scene::Scene(const DeviceConfig& device, const ModelInfo& model)
     const std::size_t pixels = static_cast<std::size_t>(mWidth) * mHeight;
     mRayX.resize(pixels);
     mRayY.resize(pixels);
-    mRoomDepth.resize(pixels);
-    mRoomLight.resize(pixels);
+    mViewDepth.resize(pixels);
+    mViewLight.resize(pixels);
     mLitAmplitude.resize(pixels);
     mDepthSigma.resize(pixels);
     mAmplitudeSigma.resize(pixels);
@@ -187,8 +197,29 @@ void Scene::buildRoom() {
             reflectivity = door ? 0.25F : 0.8F;
         }
         const float distance = bestZ * length;
-        mRoomDepth[i] = bestZ * 1000.0F;
-        mRoomLight[i] = static_cast<float>(mGain) * reflectivity * bestCos / (distance * distance);
+        mViewDepth[i] = bestZ * 1000.0F;
+        mViewLight[i] = static_cast<float>(mGain) * reflectivity * bestCos / (distance * distance);
+    }
+}
+
+// The wall n . p = distance * cos(a) with n = (sin a, 0, cos a): each ray (x, y, 1) meets it
+// at z = distance * cos(a) / (x sin a + cos a), or not at all when it runs parallel or away.
+void Scene::buildWall(double distance, double angle) {
+    const double radians = angle * kPi / 180.0;
+    const double s = std::sin(radians);
+    const double c = std::cos(radians);
+    for (std::size_t i = 0; i < mRayX.size(); ++i) {
+        const double facing = mRayX[i] * s + c;
+        if (facing <= 1e-6) {
+            mViewDepth[i] = kNowhere;
+            mViewLight[i] = 0.0F;
+            continue;
+        }
+        const double z = distance * c / facing;  // millimetres
+        const double length = std::sqrt(double{mRayX[i]} * mRayX[i] + double{mRayY[i]} * mRayY[i] + 1.0);
+        const double metres = z * length / 1000.0;
+        mViewDepth[i] = static_cast<float>(z);
+        mViewLight[i] = static_cast<float>(mGain * kWallReflectivity * (facing / length) / (metres * metres));
     }
 }
 
@@ -235,12 +266,13 @@ inline void report(float depth, float amplitude, const PixelRule& rule, float& o
     outAmplitude = amplitude;
 }
 
-// The room's pixels in runs of contiguous noise, so that the loop vectorises.
+// The view's pixels in runs of contiguous table noise, so that the loops vectorise. Depth
+// noise is the table's scaled by `depthSigma`, or, when `drawn` is given, drawn[i] itself.
 template <bool Integral>
-void report_room(std::size_t pixels, std::uint32_t depthOffset, std::uint32_t amplitudeOffset, const PixelRule& rule,
-                 const float* __restrict roomDepth, const float* __restrict amplitudes,
-                 const float* __restrict depthSigma, const float* __restrict amplitudeSigma, float* __restrict outDepth,
-                 float* __restrict outAmplitude) {
+void report_view(std::size_t pixels, std::uint32_t depthOffset, std::uint32_t amplitudeOffset, const PixelRule& rule,
+                 const float* __restrict viewDepth, const float* __restrict amplitudes,
+                 const float* __restrict depthSigma, const float* __restrict amplitudeSigma,
+                 const float* __restrict drawn, float* __restrict outDepth, float* __restrict outAmplitude) {
     const float* noise = noise_table().data();
     for (std::size_t begin = 0; begin < pixels;) {
         const std::size_t depthStart = (begin + depthOffset) & (kNoiseSize - 1);
@@ -248,21 +280,38 @@ void report_room(std::size_t pixels, std::uint32_t depthOffset, std::uint32_t am
         const std::size_t run = std::min({pixels - begin, kNoiseSize - depthStart, kNoiseSize - amplitudeStart});
         const float* __restrict depthNoise = noise + depthStart;
         const float* __restrict amplitudeNoise = noise + amplitudeStart;
-        for (std::size_t k = 0; k < run; ++k) {
-            const std::size_t i = begin + k;
-            report<Integral>(roomDepth[i] + depthNoise[k] * depthSigma[i],
-                             amplitudes[i] + amplitudeNoise[k] * amplitudeSigma[i], rule, outDepth[i], outAmplitude[i]);
+        if (drawn != nullptr) {
+            for (std::size_t k = 0; k < run; ++k) {
+                const std::size_t i = begin + k;
+                report<Integral>(viewDepth[i] + drawn[i], amplitudes[i] + amplitudeNoise[k] * amplitudeSigma[i], rule,
+                                 outDepth[i], outAmplitude[i]);
+            }
+        } else {
+            for (std::size_t k = 0; k < run; ++k) {
+                const std::size_t i = begin + k;
+                report<Integral>(viewDepth[i] + depthNoise[k] * depthSigma[i],
+                                 amplitudes[i] + amplitudeNoise[k] * amplitudeSigma[i], rule, outDepth[i],
+                                 outAmplitude[i]);
+            }
         }
         begin += run;
     }
+}
+
+// 64 random bits at `index` of a SplitMix64 stream: a pure function of the index.
+inline std::uint64_t split_mix(std::uint64_t index) {
+    std::uint64_t z = 0x6A09E667F3BCC909ULL + (index + 1) * 0x9E3779B97F4A7C15ULL;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
+    return z ^ (z >> 31);
 }
 
 }  // namespace
 
 void Scene::light(bool illumination) {
     if (mLitFor == static_cast<int>(illumination)) return;
-    for (std::size_t i = 0; i < mRoomLight.size(); ++i) {
-        const Reading r = reading(mRoomLight[i], illumination ? 1.0F : 0.0F);
+    for (std::size_t i = 0; i < mViewLight.size(); ++i) {
+        const Reading r = reading(mViewLight[i], illumination ? 1.0F : 0.0F);
         mLitAmplitude[i] = r.amplitude;
         mDepthSigma[i] = kDepthNoise / r.root;
         mAmplitudeSigma[i] = 0.5F * r.root;
@@ -270,16 +319,46 @@ void Scene::light(bool illumination) {
     mLitFor = static_cast<int>(illumination);
 }
 
+// Each pair of pixels takes one draw of the stream, at the list's number above the pair's,
+// and makes two independent values of it (Box-Muller).
+void Scene::drawNoise(std::uint32_t frameNumber, float sigma) {
+    mDepthNoise.resize(mDepth.size());
+    const std::size_t pixels = mDepthNoise.size();
+    const std::uint64_t list = std::uint64_t{frameNumber} << 32;
+    constexpr float kTurn = 2.0F * static_cast<float>(kPi);
+    for (std::size_t pair = 0; 2 * pair < pixels; ++pair) {
+        const std::uint64_t bits = split_mix(list | pair);
+        const float u = (static_cast<float>(bits >> 40) + 0.5F) * 0x1p-24F;  // in (0, 1)
+        const float turn = static_cast<float>(bits & 0xFFFFFFU) * 0x1p-24F;
+        const float radius = sigma * std::sqrt(-2.0F * std::log(u));
+        mDepthNoise[2 * pair] = radius * std::cos(kTurn * turn);
+        if (2 * pair + 1 < pixels) mDepthNoise[2 * pair + 1] = radius * std::sin(kTurn * turn);
+    }
+}
+
 void Scene::shade(std::uint32_t frameNumber, const SceneSettings& settings) {
+    if (!mView.sameView(settings.scene)) {
+        if (settings.scene.wall) {
+            buildWall(settings.scene.distance, settings.scene.angle);
+        } else {
+            buildRoom();
+        }
+        mView = settings.scene;
+        mLitFor = -1;
+    }
     light(settings.illumination);
     const PixelRule rule{static_cast<float>(settings.amplitudeThreshold), static_cast<float>(settings.rangeMin),
                          static_cast<float>(settings.rangeMax)};
     const bool integral = settings.basicDataType == DATA_TYPE_UINT16;
     const std::uint32_t depthOffset = mix(frameNumber * 2U + 1U);
     const std::uint32_t amplitudeOffset = mix(frameNumber * 2U + 2U);
-    (integral ? report_room<true> : report_room<false>)(mDepth.size(), depthOffset, amplitudeOffset, rule,
-                                                        mRoomDepth.data(), mLitAmplitude.data(), mDepthSigma.data(),
-                                                        mAmplitudeSigma.data(), mDepth.data(), mAmplitude.data());
+    const bool drawn = settings.noise > 0.0;
+    if (drawn) drawNoise(frameNumber, static_cast<float>(settings.noise));
+    (integral ? report_view<true> : report_view<false>)(mDepth.size(), depthOffset, amplitudeOffset, rule,
+                                                        mViewDepth.data(), mLitAmplitude.data(), mDepthSigma.data(),
+                                                        mAmplitudeSigma.data(), drawn ? mDepthNoise.data() : nullptr,
+                                                        mDepth.data(), mAmplitude.data());
+    if (settings.scene.wall) return;
 
     // The ball, over the box of rows and columns around its projection.
     const Ball ball = ballAt(frameNumber / settings.fps);
@@ -304,14 +383,16 @@ void Scene::shade(std::uint32_t frameNumber, const SceneSettings& settings) {
             const float disc = rc * rc - rr * ballSquare;
             if (disc <= 0.0F) continue;
             const float t = (rc - std::sqrt(disc)) / rr;
-            if (t <= 0.0F || t * 1000.0F >= mRoomDepth[i]) continue;
+            if (t <= 0.0F || t * 1000.0F >= mViewDepth[i]) continue;
             const float length = std::sqrt(rr);
             const float cosine =
                 ((ball.cx - rx * t) * rx + (ball.cy - ry * t) * ry + (ball.cz - t)) / (ball.radius * length);
             const float distance = t * length;
             const Reading r = reading(static_cast<float>(mGain) * 0.9F * std::max(cosine, 0.0F) / (distance * distance),
                                       illumination);
-            const float depth = t * 1000.0F + noise[(i + depthOffset) & (kNoiseSize - 1)] * (kDepthNoise / r.root);
+            const float depth =
+                t * 1000.0F +
+                (drawn ? mDepthNoise[i] : noise[(i + depthOffset) & (kNoiseSize - 1)] * (kDepthNoise / r.root));
             const float amplitude = r.amplitude + noise[(i + amplitudeOffset) & (kNoiseSize - 1)] * (0.5F * r.root);
             if (integral) {
                 report<true>(depth, amplitude, rule, mDepth[i], mAmplitude[i]);
@@ -355,8 +436,11 @@ std::shared_ptr<SimFrameList> Scene::makeList(std::uint32_t mask, const SceneSet
     return list;
 }
 
+std::uint64_t Scene::renderedLists() { return gRenderedLists.load(std::memory_order_relaxed); }
+
 void Scene::render(std::uint32_t frameNumber, std::uint64_t timestamp, const SceneSettings& settings,
                    SimFrameList& list) {
+    gRenderedLists.fetch_add(1, std::memory_order_relaxed);
     shade(frameNumber, settings);
     const std::size_t n = mDepth.size();
     for (const auto& frame : list.frames()) {

@@ -118,6 +118,12 @@ private:
     // Hands a list (an injected one first, else `own` with any pending fault) to every sink;
     // mMutex held on entry and on return, not during the calls.
     void handOver(std::shared_ptr<SimFrameList> own, std::unique_lock<std::mutex>& lock);
+    // The list to hand over as frame n, due `due` microseconds after the open, stamped: one
+    // the frame source fills, or, with a loop set, the loop's. mMutex not held.
+    std::shared_ptr<SimFrameList> nextList(std::uint32_t frameNumber, std::uint64_t due, std::uint32_t mask,
+                                           const SceneSettings& settings);
+    std::shared_ptr<SimFrameList> loopedList(std::uint32_t frameNumber, std::uint64_t due, std::uint32_t mask,
+                                             const SceneSettings& settings);
     std::shared_ptr<SimFrameList> acquireList(std::uint32_t mask, const SceneSettings& settings);
     std::uint64_t microsecondsSinceOpen(std::chrono::steady_clock::time_point when) const;
 
@@ -160,8 +166,17 @@ private:
     std::thread mDelivery;
     std::atomic<std::thread::id> mDeliveryId{};
     std::vector<std::shared_ptr<SimFrameList>> mPool;  // delivery thread only
-    std::vector<LumoraSink*> mDeliverySinks;           // delivery thread only
-    SerialExecutor mEvents;                            // state and error callbacks, in order
+    // The lists of a loop (sim_loop), for the mask and the settings given, and the lists
+    // taken from it since it started: turn k hands over list k modulo their number. Delivery
+    // thread only; dropped when delivery ends.
+    struct Loop {
+        std::vector<std::shared_ptr<SimFrameList>> lists;
+        std::size_t turns = 0;
+        std::uint32_t mask = 0;
+        SceneSettings settings;
+    } mLoop;
+    std::vector<LumoraSink*> mDeliverySinks;  // delivery thread only
+    SerialExecutor mEvents;                   // state and error callbacks, in order
 };
 
 }  // namespace halden::sensor::sim

@@ -12,6 +12,10 @@
 //   errors[:K]     K error callbacks (RESULT_FAIL)
 // RESULT_INVALID_PARAMETER for a malformed value, RESULT_NO_SUCH_DEVICE without device N,
 // RESULT_NOT_READY without a camera open on it, or one not running for a fault but errors.
+// A simulated camera also has keys of its own, reached by name only (not in its collections):
+// "sim_scene" ("room", or "wall:DISTANCE_MM[:ANGLE_DEG]", a flat wall of known position),
+// "sim_noise" (the deviation in mm of Gaussian depth noise drawn per pixel and list) and
+// "sim_loop" (N lists rendered once and delivered again in turn); a replay device refuses them.
 #pragma once
 
 #include <cstdint>
