@@ -41,7 +41,6 @@ with tempfile.TemporaryDirectory() as workdir:
         m6 = livebench.measure_windows(shell, 6, seconds, 3, counts)
         shell.command("deselect")
         livebench.use_loop(shell, 640, 480)
-        counts = [0, 0]
         m30 = livebench.measure_windows(shell, 30, seconds, livebench.settle_seconds(640, 480), counts)
         shell.quit()
     finally:

@@ -68,6 +68,7 @@ def main():
                 recording = livebench.record(build, workdir, width, height, lists)
                 shell = livebench.Shell(build, f"QRX100A:{width}x{height}@30", workdir, display, runtime)
                 shell.command("set log_level 3")
+                counts = [0, 0]
                 for mask in (6, 30):
                     if mask == 6:
                         livebench.use_replay(shell, recording)
@@ -76,7 +77,7 @@ def main():
                         livebench.use_loop(shell, width, height)
                     copy_rate = memcpy_bytes_per_cpu_second(width * height * bytes_per_pixel[mask])
                     settle = livebench.settle_seconds(width, height) if mask == 30 else 2
-                    figures = livebench.measure_windows(shell, mask, seconds, settle, [0, 0])
+                    figures = livebench.measure_windows(shell, mask, seconds, settle, counts)
                     figures["pixels_per_s"] = figures["delivered_per_s"] * width * height
                     figures["memcpy_cpu"] = figures["pixels_per_s"] * bytes_per_pixel[mask] / copy_rate
                     rows.append((name, width, height, mask, figures))
