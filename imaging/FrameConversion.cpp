@@ -32,8 +32,11 @@ constexpr std::size_t kSplitPixels = 65536;
 // The pieces the two threads claim: small enough that a helper waking late still finds work,
 // large enough that claiming one costs little beside the work in it. Rows go in pieces of
 // about 50 VGA rows: in short pieces the two threads' reads jump about too often for the
-// processor's prefetching to keep up.
-constexpr std::size_t kPiecePoints = 16384;
+// processor's prefetching to keep up. cv::projectPoints copies a piece's points and results
+// into buffers of its own (40 bytes a point): pieces of 4096 points keep those below the size
+// from which the shell's allocator maps each afresh (256 KiB), whose page faults and unmapping
+// would cost more than the projection itself.
+constexpr std::size_t kPiecePoints = 4096;
 constexpr std::size_t kPiecePixels = 32768;
 
 // The source column or row that each displayed one shows, as cv::resize picks it for
@@ -292,7 +295,7 @@ void convertPointCloud(ConversionContext& context, const std::shared_ptr<hs::Lum
     auto* const pixelOf = buffers.pixels.ptr<std::int32_t>();
     auto* const colourOfPoint = buffers.colours.ptr<std::uint32_t>();
     auto* const levelOfPoint = withIntensity ? buffers.levels.ptr<std::uint8_t>() : nullptr;
-    const std::size_t piece = count >= kSplitPoints ? kPiecePoints : std::max<std::size_t>(count, 1);
+    const std::size_t piece = kPiecePoints;
     std::vector<std::size_t> kept((count + piece - 1) / piece);
     const HelperThread::Work gatherAndProject = [&](std::size_t begin, std::size_t end) {
         cv::Point3f* const point = points + begin;
@@ -308,8 +311,9 @@ void convertPointCloud(ConversionContext& context, const std::shared_ptr<hs::Lum
     };
     if (count >= kSplitPoints)
         context.helper.share(count, piece, gatherAndProject);
-    else if (count > 0)
-        gatherAndProject(0, count);
+    else
+        for (std::size_t begin = 0; begin < count; begin += piece)
+            gatherAndProject(begin, std::min(count, begin + piece));
 
     depthImage.image.create(display, CV_8UC3);
     depthImage.image.setTo(cv::Scalar::all(0));
