@@ -179,7 +179,8 @@ def start_x_server():
 def measure_windows(shell, mask, seconds, settle, counts):
     """One run of `mask` with the windows on: the shell's processor time per second over
     `seconds` after `settle` s, the lists drawn and delivered per second and dropped at the
-    renderer's queue over the whole run, and its delivery-to-window times. `counts` holds
+    renderer's queue over the whole run, its delivery-to-window times, and the lists that
+    waited for the windows to open with the longest of their times. `counts` holds
     the renderer's totals so far (drawn, dropped) and is brought up to date."""
     mark = len(shell.output)
     shell.say(f"run {mask}")
@@ -195,10 +196,13 @@ def measure_windows(shell, mask, seconds, settle, counts):
     shell.wait_for(r"-> result : success", mark)
     found = shell.wait_for(r": ([0-9]+) lists drawn, ([0-9]+) dropped at the queue, fps : ([0-9.]+)", mark)
     drawn, dropped = int(found.group(1)), int(found.group(2))
-    latency = shell.wait_for(r"delivery to the window system p50 ([0-9.]+) ms p99 ([0-9.]+) ms", mark)
+    latency = shell.wait_for(r"delivery to the window system p50 ([0-9.]+) ms p99 ([0-9.]+) ms over [0-9]+ lists "
+                             r"drawn in windows; ([0-9]+) lists waited for the windows to open, the longest "
+                             r"([0-9.]+) ms", mark)
     span = time.time() - began
     figures = {"cpu": cpu, "drawn_per_s": (drawn - counts[0]) / span, "dropped": dropped - counts[1],
                "delivered_per_s": (drawn - counts[0] + dropped - counts[1]) / span, "fps": float(found.group(3)),
-               "p50_ms": float(latency.group(1)), "p99_ms": float(latency.group(2))}
+               "p50_ms": float(latency.group(1)), "p99_ms": float(latency.group(2)),
+               "waited_for_windows": int(latency.group(3)), "opening_ms": float(latency.group(4))}
     counts[:] = [drawn, dropped]
     return figures
