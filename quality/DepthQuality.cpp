@@ -34,6 +34,9 @@ constexpr std::pair<Missing, const char*> kMissingTexts[] = {
 
 // The 0.5% most extreme residuals on each side are left out of the plane-fit RMS.
 constexpr std::size_t kTrimPerMille = 5;
+// Residuals beyond this many RMS are gathered as the extremes' candidates: for Gaussian noise
+// 1.4% on each side, enough to hold the 0.5% with a wide margin.
+constexpr double kCandidateRms = 2.2;
 constexpr double kPi = 3.14159265358979323846;
 constexpr float kLargest = std::numeric_limits<float>::max();
 
@@ -55,9 +58,14 @@ double quantile(std::vector<T>& values, double q) {
 
 using Matrix = std::array<std::array<double, 3>, 3>;
 
-// The unit eigenvector of the smallest eigenvalue of a symmetric matrix, by cyclic Jacobi
+struct Eigen {
+    std::array<double, 3> vector;  // of unit length
+    double value;
+};
+
+// The smallest eigenvalue of a symmetric matrix and its eigenvector, by cyclic Jacobi
 // rotations, which stay accurate when two eigenvalues are close (a noisy, nearly square ROI).
-std::array<double, 3> smallest_eigenvector(Matrix a) {
+Eigen smallest_eigen(Matrix a) {
     Matrix v{{{1.0, 0.0, 0.0}, {0.0, 1.0, 0.0}, {0.0, 0.0, 1.0}}};
     const double scale = a[0][0] * a[0][0] + a[1][1] * a[1][1] + a[2][2] * a[2][2];
     for (int sweep = 0; sweep < 50; ++sweep) {
@@ -92,7 +100,16 @@ std::array<double, 3> smallest_eigenvector(Matrix a) {
     int m = 0;
     for (int k = 1; k < 3; ++k)
         if (a[k][k] < a[m][m]) m = k;
-    return {v[0][m], v[1][m], v[2][m]};
+    return {{v[0][m], v[1][m], v[2][m]}, a[m][m]};
+}
+
+// The sum of the squares of the `take` largest of values[0, count); reorders them.
+double top_squares(float* values, std::size_t count, std::size_t take) {
+    std::nth_element(values, values + count - take, values + count);
+    double sum = 0.0;
+    for (std::size_t i = count - take; i < count; ++i)
+        sum += static_cast<double>(values[i]) * values[i];
+    return sum;
 }
 
 // A sample wherever it lies: views of a mapped dump file are not aligned.
@@ -292,7 +309,8 @@ void DepthQualityMeter::fitPlane(Kept& kept) {
     const Matrix covariance{{{sxx / count - mx * mx, sxy / count - mx * my, sxz / count - mx * mz},
                              {sxy / count - mx * my, syy / count - my * my, syz / count - my * mz},
                              {sxz / count - mx * mz, syz / count - my * mz, szz / count - mz * mz}}};
-    auto normal = smallest_eigenvector(covariance);
+    const Eigen eigen = smallest_eigen(covariance);
+    auto normal = eigen.vector;
     if (normal[2] < 0.0)
         for (double& component : normal)
             component = -component;
@@ -305,47 +323,65 @@ void DepthQualityMeter::fitPlane(Kept& kept) {
     const double offset = normal[0] * cx + normal[1] * cy + normal[2] * cz;
     plane.distanceMm = normal[2] > 1e-9 ? offset / normal[2] : std::numeric_limits<double>::quiet_NaN();
 
-    // Residuals about the centroid, which keeps their float sums exact enough.
+    // The residuals about the centroid, whose mean square is the smallest eigenvalue. Those
+    // beyond a few RMS on each side are gathered as they come (without branches: every one is
+    // written, and kept by counting it), the lowest negated.
     const auto nx = static_cast<float>(normal[0]);
     const auto ny = static_cast<float>(normal[1]);
     const auto nz = static_cast<float>(normal[2]);
     const auto fx = static_cast<float>(cx);
     const auto fy = static_cast<float>(cy);
     const auto fz = static_cast<float>(cz);
-    float* r = mResiduals.data();
-    double squares = 0.0;
-    float lowest = std::numeric_limits<float>::infinity();
-    float highest = -lowest;
+    const double squares = std::max(0.0, eigen.value) * count;
+    const auto limit = static_cast<float>(kCandidateRms * std::sqrt(squares / count));
+    float* const r = mResiduals.data();
+    float* const low = mLow.data();
+    float* const high = mHigh.data();
+    std::size_t lows = 0;
+    std::size_t highs = 0;
     for (std::size_t i = 0; i < n; ++i) {
-        r[i] = nx * (x[i] - fx) + ny * (y[i] - fy) + nz * (z[i] - fz);
-        squares += static_cast<double>(r[i]) * r[i];
-        lowest = std::min(lowest, r[i]);
-        highest = std::max(highest, r[i]);
+        const float residual = nx * (x[i] - fx) + ny * (y[i] - fy) + nz * (z[i] - fz);
+        r[i] = residual;
+        low[lows] = -residual;
+        lows += -residual > limit ? 1 : 0;
+        high[highs] = residual;
+        highs += residual > limit ? 1 : 0;
     }
     const std::size_t trim = n * kTrimPerMille / 1000;
-    if (trim > 0) squares -= extremeSquares(n, trim, lowest, highest);
-    plane.rmsMm = std::sqrt(std::max(0.0, squares) / static_cast<double>(n - 2 * trim));
+    double extremes = 0.0;
+    if (trim > 0 && lows >= trim && highs >= trim)
+        extremes = top_squares(low, lows, trim) + top_squares(high, highs, trim);
+    else if (trim > 0)
+        extremes = extremeSquares(n, trim);
+    plane.rmsMm = std::sqrt(std::max(0.0, squares - extremes) / static_cast<double>(n - 2 * trim));
     kept.plane = plane;
     kept.planeMissing = Missing::kNone;
 }
 
-// Exact, by way of a histogram of the residuals: the bins wholly among the extremes are summed
-// as they are, and only the bin where the extremes end on each side is searched, which costs
-// two passes however the residuals are spread.
-double DepthQualityMeter::extremeSquares(std::size_t n, std::size_t trim, float lowest, float highest) {
+// When outliers leave too few candidates on a side: exact, by way of a histogram of the
+// residuals. The bins wholly among the extremes are summed as they are, and only the bin where
+// the extremes end on each side is searched, which costs three passes however the residuals
+// are spread.
+double DepthQualityMeter::extremeSquares(std::size_t n, std::size_t trim) {
     const float* const r = mResiduals.data();
+    float from = r[0];
+    float to = r[0];
+    for (std::size_t i = 1; i < n; ++i) {
+        from = std::min(from, r[i]);
+        to = std::max(to, r[i]);
+    }
     // Residuals all but equal: any of them stands for the extremes.
-    if (!(highest - lowest > 1e-20F)) return 2.0 * static_cast<double>(trim) * lowest * lowest;
-    constexpr std::size_t kBins = 1024;
-    const float scale = static_cast<float>(kBins) / (highest - lowest);
-    const auto bin = [&](float value) {
-        return std::min(static_cast<std::size_t>((value - lowest) * scale), kBins - 1);
-    };
+    if (!(to - from > 1e-20F)) return 2.0 * static_cast<double>(trim) * from * from;
+    constexpr int kBins = 1024;
+    const float scale = static_cast<float>(kBins) / (to - from);
+    // A signed conversion: the unsigned one costs a comparison and a branch on x86.
+    const auto bin = [&](float value) { return std::min(static_cast<int>((value - from) * scale), kBins - 1); };
     std::array<std::uint32_t, kBins> counts{};
     for (std::size_t i = 0; i < n; ++i)
         ++counts[bin(r[i])];
-    // The bin where the lowest `trim` end, and how many of them it holds; the same from the top.
-    std::size_t lowBin = 0, highBin = kBins - 1, below = 0, above = 0;
+    // The bin where the lowest `trim` end, and how many lie below it; the same from the top.
+    int lowBin = 0, highBin = kBins - 1;
+    std::size_t below = 0, above = 0;
     while (below + counts[lowBin] < trim)
         below += counts[lowBin++];
     while (above + counts[highBin] < trim)
@@ -353,22 +389,12 @@ double DepthQualityMeter::extremeSquares(std::size_t n, std::size_t trim, float 
     double extremes = 0.0;
     std::size_t lows = 0, highs = 0;
     for (std::size_t i = 0; i < n; ++i) {
-        const std::size_t b = bin(r[i]);
+        const int b = bin(r[i]);
         if (b < lowBin || b > highBin) extremes += static_cast<double>(r[i]) * r[i];
-        if (b == lowBin) mLow[lows++] = r[i];
+        if (b == lowBin) mLow[lows++] = -r[i];
         if (b == highBin) mHigh[highs++] = r[i];
     }
-    const std::size_t lowTake = trim - below;
-    const std::size_t highTake = trim - above;
-    std::nth_element(mLow.begin(), mLow.begin() + static_cast<std::ptrdiff_t>(lowTake),
-                     mLow.begin() + static_cast<std::ptrdiff_t>(lows));
-    std::nth_element(mHigh.begin(), mHigh.begin() + static_cast<std::ptrdiff_t>(highs - highTake),
-                     mHigh.begin() + static_cast<std::ptrdiff_t>(highs));
-    for (std::size_t i = 0; i < lowTake; ++i)
-        extremes += static_cast<double>(mLow[i]) * mLow[i];
-    for (std::size_t i = highs - highTake; i < highs; ++i)
-        extremes += static_cast<double>(mHigh[i]) * mHigh[i];
-    return extremes;
+    return extremes + top_squares(mLow.data(), lows, trim - below) + top_squares(mHigh.data(), highs, trim - above);
 }
 
 Quality DepthQualityMeter::result() const {

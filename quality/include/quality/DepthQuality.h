@@ -109,9 +109,8 @@ private:
 
     Status prepareFor(const ListView& view);
     void fitPlane(Kept& kept);
-    // The sum of the squares of the `trim` lowest and the `trim` highest of the n residuals,
-    // which lie from `lowest` to `highest`.
-    double extremeSquares(std::size_t n, std::size_t trim, float lowest, float highest);
+    // The sum of the squares of the `trim` lowest and the `trim` highest of the n residuals.
+    double extremeSquares(std::size_t n, std::size_t trim);
 
     Settings mSettings;
     int mWidth = 0;
@@ -121,8 +120,8 @@ private:
     std::vector<Kept> mKept;  // a ring of N
     std::size_t mNext = 0;
     std::size_t mCount = 0;
-    // The valid points of the list being measured, their residuals, and those in the bins
-    // where the extremes on each side end.
+    // The valid points of the list being measured, their residuals, and the candidates for
+    // their extremes on each side (the lowest negated).
     std::vector<float> mX, mY, mZ, mResiduals, mLow, mHigh;
 };
 
