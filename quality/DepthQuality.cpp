@@ -237,6 +237,8 @@ Status DepthQualityMeter::add(const ListView& view) {
     const std::size_t pixels = static_cast<std::size_t>(std::max(view.width, 0)) * std::max(view.height, 0);
     if (pixels == 0 || (view.depth == nullptr && (view.points == nullptr || view.planeStride < pixels)))
         return Status::kBadList;
+    if (view.depthType == Sample::kInt16 || view.pointType == Sample::kUint16 || view.amplitudeType == Sample::kInt16)
+        return Status::kBadList;
     if (const Status prepared = prepareFor(view); prepared != Status::kOk) return prepared;
 
     Kept& kept = mKept[mNext];

@@ -261,6 +261,9 @@ TEST(DepthQuality, SaysWhyAFigureCannotBeHad) {
     EXPECT_EQ(meter.add(depth_view(depth)), Status::kEmptyRoi);
     settings.roi = RoiSpec{};
     ASSERT_EQ(meter.configure(settings), Status::kOk);
+    ListView signedDepth = depth_view(depth);
+    signedDepth.depthType = Sample::kInt16;
+    EXPECT_EQ(meter.add(signedDepth), Status::kBadList);
 
     ASSERT_EQ(meter.add(depth_view(depth)), Status::kOk);
     Quality q = meter.result();

@@ -24,7 +24,8 @@ inline constexpr std::size_t kMaxLists = 300;
 enum class Status {
     kOk,
     kBadSettings,  // lists outside 1 to kMaxLists, or a true distance not above 0
-    kBadList,      // no depth and no points, a size not above 0, or a plane stride too short
+    kBadList,      // no depth and no points, a size not above 0, a plane stride too short, or a sample type
+                   // the view does not take
     kEmptyRoi,     // the ROI lies outside the frame
     kNoRays,       // depth to measure, but no calibration (or one with fx or fy 0)
 };
