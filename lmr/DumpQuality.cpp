@@ -20,20 +20,21 @@ using quality::Figure;
 using quality::Quality;
 
 // A limit on one figure: its name in the report, the option that sets it, whether it is an
-// upper bound, and its unit.
+// upper bound, whether it bounds the figure's absolute value, and its unit.
 struct Limit {
     const char* name;
     std::optional<double> QualityOptions::*bound;
     Figure Quality::*figure;
     bool upper;
+    bool absolute;
     const char* unit;
 };
 
 constexpr Limit kLimits[] = {
-    {"temporal noise", &QualityOptions::maxTemporalNoiseMm, &Quality::temporalNoiseMm, true, "mm"},
-    {"plane-fit RMS", &QualityOptions::maxPlaneFitRmsMm, &Quality::planeFitRmsMm, true, "mm"},
-    {"fill rate", &QualityOptions::minFillRatePct, &Quality::fillRatePct, false, "%"},
-    {"Z error", &QualityOptions::maxZErrorPct, &Quality::zErrorPct, true, "%"},
+    {"temporal noise", &QualityOptions::maxTemporalNoiseMm, &Quality::temporalNoiseMm, true, false, "mm"},
+    {"plane-fit RMS", &QualityOptions::maxPlaneFitRmsMm, &Quality::planeFitRmsMm, true, false, "mm"},
+    {"fill rate", &QualityOptions::minFillRatePct, &Quality::fillRatePct, false, false, "%"},
+    {"Z error", &QualityOptions::maxZErrorPct, &Quality::zErrorPct, true, true, "%"},
 };
 
 // Prints each limit missed; true when all hold.
@@ -49,8 +50,7 @@ bool check_limits(const QualityOptions& options, const Quality& result, std::FIL
             holds = false;
             continue;
         }
-        // The Z error's limit is on its size, either way.
-        const double value = limit.figure == &Quality::zErrorPct ? std::abs(*figure.value) : *figure.value;
+        const double value = limit.absolute ? std::abs(*figure.value) : *figure.value;
         if (limit.upper ? value <= *bound : value >= *bound) continue;
         std::fprintf(err, "limit missed: %s %.2f %s, %s %g %s\n", limit.name, value, limit.unit,
                      limit.upper ? "above" : "below", *bound, limit.unit);
