@@ -1,5 +1,5 @@
-// lmr: checks LumoraShell dump files (.lmr) and exports their records. The command line
-// only: the work is in the lumora::lmr library.
+// lmr: checks LumoraShell dump files (.lmr), exports their records and measures their depth
+// quality. The command line only: the work is in the lumora::lmr library.
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -11,18 +11,30 @@
 
 #include "DumpExport.h"
 #include "DumpInfo.h"
+#include "DumpQuality.h"
 
 namespace {
 
-// Binds a float option that may be left out.
-CLI::Option* add_bound(CLI::App* app, const std::string& name, std::optional<float>& value,
+// Binds a number option that may be left out.
+template <typename T>
+CLI::Option* add_bound(CLI::App* app, const std::string& name, std::optional<T>& value,
                        const std::string& description) {
-    return app->add_option_function<float>(
-        name, [&value](const float& given) { value = given; }, description);
+    return app->add_option_function<T>(
+        name, [&value](const T& given) { value = given; }, description);
+}
+
+// A validator from a parser that gives nothing for text it cannot read.
+template <typename Parse>
+CLI::Validator parsed_by(Parse parse, const std::string& expected, const std::string& name) {
+    return CLI::Validator(
+        [parse, expected](const std::string& text) { return parse(text) ? std::string() : "expected " + expected; },
+        name);
 }
 
 int run(int argc, char** argv) {
-    CLI::App app{"lmr: checks LumoraShell dump files (.lmr) and exports their records as PNG, PLY and CSV."};
+    CLI::App app{
+        "lmr: checks LumoraShell dump files (.lmr), exports their records as PNG, PLY and CSV, and measures their "
+        "depth quality."};
     app.require_subcommand(1);
 
     std::string file;
@@ -42,12 +54,9 @@ int run(int argc, char** argv) {
         "Exit status 0: all written; 1: a bad option or a file not written; 2: the dump cannot be read.");
     exporter->add_option("FILE", options.file, "The dump file")->required();
     exporter->add_option("DIR", options.directory, "The directory to write into (made when missing)")->required();
+    const CLI::Validator recordRange = parsed_by(lumora::lmr::parse_record_range, "A-B or A, with A <= B", "A-B");
     exporter->add_option("--records", records, "Only records A to B, numbered from 0 as in the index (A-B, or A alone)")
-        ->check(CLI::Validator(
-            [](const std::string& text) {
-                return lumora::lmr::parse_record_range(text) ? std::string() : "expected A-B or A, with A <= B";
-            },
-            "A-B"));
+        ->check(recordRange);
     add_bound(exporter, "--depth-min", options.depthMin,
               "Depth in millimetres at the near end of the colour map (default: the camera model's)");
     add_bound(exporter, "--depth-max", options.depthMax,
@@ -55,9 +64,45 @@ int run(int argc, char** argv) {
     add_bound(exporter, "--gray-min", options.grayMin, "Amplitude shown black (default: the camera model's)");
     add_bound(exporter, "--gray-max", options.grayMax, "Amplitude shown white (default: the camera model's)");
 
+    lumora::lmr::QualityOptions measure;
+    std::string qualityRecords, roi, intrinsics;
+    auto* quality = app.add_subcommand(
+        "quality",
+        "Measure the depth quality over the records: fill rate, distance and angle of the plane fitted to the ROI's "
+        "points, plane-fit RMS, temporal noise, Z accuracy against --truth, amplitude. Depth records (modes 0 and 1) "
+        "take their rays from --intrinsics, else from the replay camera the camera library makes of the file; point "
+        "clouds (modes 2 and 3) from their points. Which rays were used is said on standard error, and so is each "
+        "limit missed. Exit status 0: measured, every limit holds; 1: a limit missed (or a figure it needs cannot be "
+        "had); 2: the file cannot be read or measured (no rays, records or ROI outside it).");
+    quality->add_option("FILE", measure.file, "The dump file")->required();
+    quality->add_option("--records", qualityRecords, "Only records A to B, numbered from 0 (A-B, or A alone)")
+        ->check(recordRange);
+    quality->add_option("--roi", roi, "The region: a centred share of width and height in % (default 40), or X,Y,W,H")
+        ->check(parsed_by(lumora::quality::parse_roi, "1 to 100, or X,Y,W,H", "ROI"));
+    quality
+        ->add_option("--intrinsics", intrinsics,
+                     "The rays of depth records: fx,fy,cx,cy in pixels, and optionally the distortion k1,k2,p1,p2,k3")
+        ->check(parsed_by(lumora::lmr::parse_intrinsics, "fx,fy,cx,cy[,k1,k2,p1,p2,k3] with fx, fy above 0",
+                          "FX,FY,CX,CY[,K1,K2,P1,P2,K3]"));
+    auto* truth = add_bound(quality, "--truth", measure.truthMm, "The true distance in mm, for the Z accuracy")
+                      ->check(CLI::PositiveNumber);
+    quality->add_flag("--json", measure.json, "Print the figures as one JSON object (null where one cannot be had)");
+    add_bound(quality, "--max-temporal-noise", measure.maxTemporalNoiseMm, "Limit: temporal noise at most MM");
+    add_bound(quality, "--max-plane-fit-rms", measure.maxPlaneFitRmsMm, "Limit: plane-fit RMS at most MM");
+    add_bound(quality, "--min-fill-rate", measure.minFillRatePct, "Limit: fill rate at least PCT");
+    add_bound(quality, "--max-z-error", measure.maxZErrorPct,
+              "Limit: the Z error's absolute value at most PCT of --truth")
+        ->needs(truth);
+
     CLI11_PARSE(app, argc, argv);
 
     if (info->parsed()) return static_cast<int>(lumora::lmr::print_info(file, stdout, stderr));
+    if (quality->parsed()) {
+        if (!qualityRecords.empty()) measure.records = lumora::lmr::parse_record_range(qualityRecords);
+        if (!roi.empty()) measure.roi = *lumora::quality::parse_roi(roi);
+        if (!intrinsics.empty()) measure.intrinsics = lumora::lmr::parse_intrinsics(intrinsics);
+        return static_cast<int>(lumora::lmr::measure_dump(measure, stdout, stderr));
+    }
     if (!records.empty()) options.records = lumora::lmr::parse_record_range(records);
     options.progress = isatty(STDERR_FILENO) == 1;
     // The PNG encoder takes and frees its compression state for every file: kept in the

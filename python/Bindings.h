@@ -5,13 +5,18 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
 #include <halden/sensor/LumoraProperty.h>
 #include <halden/sensor/LumoraResult.h>
+
+#include "quality/ListView.h"
+#include "quality/Rays.h"
 
 namespace lumora::python {
 
@@ -44,9 +49,18 @@ std::shared_ptr<hs::LumoraProperty> to_property(const std::string& key, const py
 // Gives a class or named tuple the module name users import it from.
 void name_as_lumora(const py::handle& type);
 
-// The module's parts: library functions, cameras and their frames, dump files.
+// For lumora.quality, views that the Python object `source` keeps alive while it lives.
+// A Dump's whole records, its path in `path`; false when `source` is not a Dump.
+bool dump_views(const py::handle& source, std::vector<quality::ListView>& views, std::string& path);
+// A FrameList's frames, and the lens-0 calibration of the camera it came from (none when the
+// camera gave none); false when `item` is not a FrameList, ValueError for a list with no depth
+// or point cloud.
+bool frame_list_view(const py::handle& item, quality::ListView& view, std::optional<quality::Calibration>& calibration);
+
+// The module's parts: library functions, cameras and their frames, dump files, depth quality.
 void bind_library(py::module_& module);
 void bind_camera(py::module_& module);
 void bind_dump(py::module_& module);
+void bind_quality(py::module_& module);
 
 }  // namespace lumora::python

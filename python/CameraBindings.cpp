@@ -29,7 +29,17 @@ struct FrameList {
     std::shared_ptr<hs::LumoraFrameList> list;
     std::uint64_t index = 0;
     std::uint64_t dropped = 0;
+    // Lens 0's, as the camera gave it when frames() began: the rays of lumora.quality.
+    std::optional<quality::Calibration> calibration;
 };
+
+std::optional<quality::Calibration> lens_zero(const hs::LumoraCamera& camera) {
+    quality::Calibration calibration;
+    if (camera.getIntrinsicParameters(0, calibration.intrinsics) != hs::RESULT_SUCCESS ||
+        camera.getDistortionCoefficients(0, calibration.distortion) != hs::RESULT_SUCCESS)
+        return std::nullopt;
+    return calibration;
+}
 
 constexpr std::pair<hs::LumoraFrame::FrameType, const char*> kFrameNames[] = {
     {hs::LumoraFrame::FRAME_DEPTH, "depth"},
@@ -139,7 +149,7 @@ class FrameIterator {
 public:
     FrameIterator(const Camera& camera, std::optional<std::uint64_t> count, std::optional<double> timeout,
                   std::size_t queue)
-        : mCamera(camera), mStream(camera.stream()), mLeft(count) {
+        : mCamera(camera), mStream(camera.stream()), mLeft(count), mCalibration(lens_zero(camera.camera())) {
         if (timeout)
             mTimeout =
                 std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(std::max(0.0, *timeout)));
@@ -166,7 +176,7 @@ public:
             }
             if (popped.first == hs::RESULT_SUCCESS) {
                 if (mLeft && --*mLeft == 0) finish();
-                return {std::move(popped.second.list), popped.second.index, popped.second.dropped};
+                return {std::move(popped.second.list), popped.second.index, popped.second.dropped, mCalibration};
             }
             if (popped.first != hs::RESULT_TIMEOUT || !mCamera.running()) {
                 finish();
@@ -192,6 +202,7 @@ private:
     std::shared_ptr<FrameChannel> mChannel;  // null once the iteration ended
     std::optional<std::uint64_t> mLeft;
     std::optional<Clock::duration> mTimeout;
+    std::optional<quality::Calibration> mCalibration;
 };
 
 std::unique_ptr<Camera> open_camera(const std::variant<int, std::string>& which) {
@@ -220,6 +231,16 @@ py::dict properties_of(const hs::LumoraProperties& properties) {
 }
 
 }  // namespace
+
+bool frame_list_view(const py::handle& item, quality::ListView& view,
+                     std::optional<quality::Calibration>& calibration) {
+    if (!py::isinstance<FrameList>(item)) return false;
+    const FrameList& frames = item.cast<const FrameList&>();
+    if (!quality::view_of(*frames.list, view))
+        throw py::value_error("a FrameList without depth or a point cloud has nothing to measure");
+    calibration = frames.calibration;
+    return true;
+}
 
 void bind_camera(py::module_& module) {
     py::enum_<hs::LumoraCamera::State> state(module, "State", py::arithmetic(), "A camera's state.");

@@ -120,6 +120,36 @@ struct RecordIterator {
 
 }  // namespace
 
+bool dump_views(const py::handle& source, std::vector<quality::ListView>& views, std::string& path) {
+    if (!py::isinstance<Dump>(source)) return false;
+    const Dump& dump = source.cast<const Dump&>();
+    const format::DumpLayout& layout = dump.layout();
+    const std::uint32_t mode = layout.header.dump_frame_type;
+    path = dump.data().path;
+    views.clear();
+    for (std::size_t i = 0; i < dump.size(); ++i) {
+        const format::frame_header& header = layout.records[i];
+        const std::uint8_t* blocks = dump.data().file->data() + layout.dataOffset(i);
+        quality::ListView view;
+        view.width = header.frame_width;
+        view.height = header.frame_height;
+        const std::size_t plane = static_cast<std::size_t>(view.width) * view.height;
+        if (mode <= format::DUMP_DEPTH_AMPLITUDE) {
+            view.depth = blocks;
+            if (mode == format::DUMP_DEPTH_AMPLITUDE) view.amplitude = blocks + 2 * plane;
+        } else {
+            view.points = blocks;
+            view.planeStride = plane;
+            if (mode == format::DUMP_INTENSITY_POINTCLOUD) {
+                view.amplitude = blocks + 3 * sizeof(float) * plane;
+                view.amplitudeType = quality::Sample::kFloat32;
+            }
+        }
+        views.push_back(view);
+    }
+    return true;
+}
+
 void bind_dump(py::module_& module) {
     py::class_<Record> record(module, "Record", "One whole record of a dump; its arrays view the mapped file.");
     name_as_lumora(record);

@@ -9,4 +9,5 @@ PYBIND11_MODULE(_lumora, module) {
     lp::bind_library(module);
     lp::bind_camera(module);
     lp::bind_dump(module);
+    lp::bind_quality(module);
 }

@@ -7,8 +7,9 @@
             print(frames.index, frames.depth[240, 320])
 
 The cameras come from the camera library libLumora (the simulated one, or a vendor's in its
-place); dump files (.lmr) are those the LumoraShell writes. A result code other than success
-raises lumora.Error, a wait that times out TimeoutError.
+place); dump files (.lmr) are those the LumoraShell writes. lumora.quality() measures the depth
+quality of either, as `lmr quality` does. A result code other than success raises
+lumora.Error, a wait that times out TimeoutError.
 """
 
 import enum
@@ -22,12 +23,14 @@ from ._lumora import (
     FieldOfView,
     FrameIterator,
     FrameList,
+    Quality,
     Record,
     RecordIterator,
     Source,
     State,
     get,
     open,
+    quality,
     set,
     set_log_level,
     sources,
@@ -63,12 +66,14 @@ __all__ = [
     "FrameType",
     "INTENSITY_POINT_CLOUD",
     "POINT_CLOUD",
+    "Quality",
     "Record",
     "RecordIterator",
     "Source",
     "State",
     "get",
     "open",
+    "quality",
     "set",
     "set_log_level",
     "sources",

@@ -1,6 +1,6 @@
 # Type stub of the package `lumora`, kept by hand beside the binding (python/*Bindings.cpp).
 import enum
-from typing import Iterator, NamedTuple, Optional, Union
+from typing import Iterator, NamedTuple, Optional, Sequence, Union
 
 import numpy as np
 import numpy.typing as npt
@@ -157,3 +157,24 @@ class Dump:
     def __getitem__(self, index: int) -> Record: ...
     def __iter__(self) -> RecordIterator: ...
     def findings(self) -> list[str]: ...
+
+class Quality(NamedTuple):
+    fill_rate_pct: Optional[float]
+    distance_mm: Optional[float]
+    plane_angle_deg: Optional[float]
+    plane_fit_rms_mm: Optional[float]
+    temporal_noise_mm: Optional[float]
+    z_error_mm: Optional[float]
+    z_error_pct: Optional[float]
+    amplitude_mean: Optional[float]
+    amplitude_p5: Optional[float]
+    lists: int
+    roi: tuple[int, int, int, int]
+    reasons: dict[str, str]
+
+def quality(
+    source: Union[Dump, Sequence[FrameList], Sequence[npt.NDArray[Union[np.uint16, np.float32]]]],
+    roi: Union[int, tuple[int, int, int, int], None] = None,
+    truth_mm: Optional[float] = None,
+    calibration: Union[Calibration, tuple[float, ...], None] = None,
+) -> Quality: ...

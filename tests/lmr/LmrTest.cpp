@@ -1,10 +1,12 @@
 // lmr on files written by the project's own dump writer: what `info` finds in whole and
-// damaged files and the exit statuses of the real program, and what `export` writes.
+// damaged files and the exit statuses of the real program, what `export` writes, and what
+// `quality` measures of a known wall.
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <sstream>
 
 #include <sys/wait.h>
@@ -298,6 +300,101 @@ TEST_F(LmrExport, WritesThePointsOfARecordAsPly) {
     std::string output;
     EXPECT_EQ(run_lmr("export --records 2-9 cloud.lmr out", &output), 1);
     EXPECT_NE(output.find("has records 0-3"), std::string::npos) << output;
+}
+
+// A wall 1200 mm along the optical axis, its normal tilted 20 degrees towards x, through a
+// lens without distortion (fx = fy = 60, centred on 64 x 48): depth with Gaussian noise of
+// 3 mm (mode 0, rounded to whole mm), or the same as points and intensity 700 (mode 3).
+void write_wall(const std::string& path, std::uint16_t mode) {
+    constexpr int kWidth = 64;
+    constexpr int kHeight = 48;
+    constexpr std::size_t kPixels = std::size_t{kWidth} * kHeight;
+    DumpWriter writer(path);
+    format::camera_descriptor camera{format::kCameraDescriptorTag, 0x312, {}, {}, {}};
+    format::fill_text_field(camera.serial_number, "LM0536240000");
+    format::fill_text_field(camera.camera_name, "QRX200AP");
+    ASSERT_EQ(writer.writeHead({format::kSyncByte, 0, 10, mode}, {format::kSourceDescriptorTag, "sim"}, camera),
+              hs::RESULT_SUCCESS);
+    std::mt19937 random(17);
+    std::normal_distribution<double> noise(0.0, 3.0);
+    const double tilt = 20.0 * M_PI / 180.0;
+    for (std::uint8_t r = 0; r < 10; ++r) {
+        std::vector<std::uint16_t> depth(kPixels);
+        std::vector<float> cloud(4 * kPixels);
+        for (std::size_t i = 0; i < kPixels; ++i) {
+            const std::size_t row = i / kWidth;
+            const double x = (static_cast<double>(i % kWidth) - 31.5) / 60.0;
+            const double y = (static_cast<double>(row) - 23.5) / 60.0;
+            const double d = 1200.0 * std::cos(tilt) / (std::sin(tilt) * x + std::cos(tilt)) + noise(random);
+            depth[i] = static_cast<std::uint16_t>(std::lround(d));
+            const double point[4] = {x * d / 1000.0, y * d / 1000.0, d / 1000.0, 700.0};
+            for (std::size_t c = 0; c < 4; ++c)
+                cloud[c * kPixels + i] = static_cast<float>(point[c]);
+        }
+        std::vector<Bytes> blocks{{depth.data(), kPixels * 2}};
+        if (mode == format::DUMP_INTENSITY_POINTCLOUD)
+            blocks = {{cloud.data(), kPixels * 4},
+                      {cloud.data() + kPixels, kPixels * 4},
+                      {cloud.data() + 2 * kPixels, kPixels * 4},
+                      {cloud.data() + 3 * kPixels, kPixels * 4}};
+        ASSERT_EQ(writer.writeRecord({r, kWidth, kHeight, format::element_size(mode), 1000000 + r * kInterval},
+                                     Bytes{nullptr, 0}, blocks),
+                  hs::RESULT_SUCCESS);
+    }
+}
+
+// The number after `key` in a report.
+double after(const std::string& report, const std::string& key) {
+    const auto at = report.find(key);
+    EXPECT_NE(at, std::string::npos) << key << " in " << report;
+    return at == std::string::npos ? NAN : std::strtod(report.c_str() + at + key.size(), nullptr);
+}
+
+using LmrQuality = InScratchDirectory;
+
+TEST_F(LmrQuality, MeasuresAKnownWallAndChecksLimits) {
+    write_wall("depth.lmr", format::DUMP_DEPTH);
+    write_wall("cloud.lmr", format::DUMP_INTENSITY_POINTCLOUD);
+    std::string report;
+    ASSERT_EQ(run_lmr("quality --roi 8,6,48,36 --truth 1190 --intrinsics 60,60,31.5,23.5 depth.lmr", &report), 0);
+    EXPECT_NE(report.find("rays: --intrinsics"), std::string::npos) << report;
+    EXPECT_NE(report.find("depth quality of QRX200AP LM0536240000: 10 lists, ROI 8,6 48x36\n"), std::string::npos)
+        << report;
+    EXPECT_NEAR(after(report, "distance"), 1200.0, 1.0);
+    EXPECT_NEAR(after(report, "plane angle"), 20.0, 0.2);
+    // Noise of 3 mm along z, seen across the plane at cos 20, trimmed; rounding adds 1/12 mm^2.
+    EXPECT_NEAR(after(report, "plane-fit RMS"), 0.96 * std::sqrt(9.0 + 1.0 / 12) * std::cos(20 * M_PI / 180), 0.15);
+    EXPECT_NEAR(after(report, "temporal noise"), 3.0 * 0.96, 0.2);
+    EXPECT_NEAR(after(report, "fill rate"), 100.0, 1e-9);
+    EXPECT_NE(report.find("amplitude          no amplitude in the lists"), std::string::npos) << report;
+
+    // The recorded points give the same wall, and the intensity its amplitude.
+    ASSERT_EQ(
+        run_lmr("quality --json --roi 8,6,48,36 --truth 1190 --max-z-error 1 --min-fill-rate 99 cloud.lmr", &report),
+        0);
+    EXPECT_NE(report.find("rays: the points recorded in the file"), std::string::npos) << report;
+    for (const char* key : {"fill_rate_pct", "distance_mm", "plane_angle_deg", "plane_fit_rms_mm", "temporal_noise_mm",
+                            "z_error_mm", "z_error_pct", "amplitude_mean", "amplitude_p5", "lists", "roi"})
+        EXPECT_NE(report.find("\"" + std::string(key) + "\": "), std::string::npos) << key << " in " << report;
+    EXPECT_NEAR(after(report, "\"distance_mm\": "), 1200.0, 1.0);
+    EXPECT_NEAR(after(report, "\"z_error_pct\": "), 100.0 * 10 / 1190, 0.1);
+    EXPECT_EQ(after(report, "\"amplitude_p5\": "), 700.0);
+
+    // A limit missed (the other holds); a file that cannot be read; depth without rays (a path with a comma
+    // makes no replay camera).
+    EXPECT_EQ(
+        run_lmr("quality --roi 8,6,48,36 --truth 1190 --max-z-error 0.5 --max-plane-fit-rms 9 cloud.lmr", &report), 1);
+    EXPECT_NEAR(after(report, "limit missed: Z error "), 100.0 * 10 / 1190, 0.1);
+    EXPECT_NE(report.find(" %, above 0.5 %\n"), std::string::npos) << report;
+    EXPECT_EQ(report.find("limit missed: plane-fit RMS"), std::string::npos) << report;
+    std::ofstream("garbage.lmr", std::ios::binary) << std::string(4096, '\x5a');
+    EXPECT_EQ(run_lmr("quality garbage.lmr"), 2);
+    fs::copy_file("depth.lmr", "a,b.lmr");
+    EXPECT_EQ(run_lmr("quality a,b.lmr", &report), 2);
+    EXPECT_NE(report.find("no rays for the depth of a,b.lmr"), std::string::npos) << report;
+    // Without --intrinsics the replay camera of the file's model gives the rays.
+    EXPECT_EQ(run_lmr("quality depth.lmr", &report), 0);
+    EXPECT_NE(report.find("rays: the replay camera's lens 0, QRX200AP at 64x48"), std::string::npos) << report;
 }
 
 }  // namespace
