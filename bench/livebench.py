@@ -151,19 +151,25 @@ def use_loop(shell, width, height):
 
 
 def start_x_server():
-    """An X server of our own that answers; (process, display name). Tries five times, a
-    second apart (a server of another program may be starting or ending meanwhile)."""
+    """An X server of our own that answers; (process, display name). Tries three times."""
     log = open(os.environ.get("BENCH_LOG", os.devnull), "a")
-    for attempt in range(5):
-        time.sleep(attempt)
+    for _ in range(3):
         read_end, write_end = os.pipe()
         # -noreset: the server would otherwise reset whenever its last client leaves, and a
         # client that connects meanwhile (the shell's check for a display is one) loses it.
         xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "4200x2200x24", "-nolisten",
                                  "tcp", "-noreset"], pass_fds=[write_end], stderr=log)
         os.close(write_end)
-        display = ":" + os.read(read_end, 16).decode().strip()
+        # The server writes the number and the newline apart: the pipe stays open until the
+        # newline, since a server whose second write fails ends at once.
+        number = b""
+        while not number.endswith(b"\n"):
+            piece = os.read(read_end, 16)
+            if not piece:
+                break
+            number += piece
         os.close(read_end)
+        display = ":" + number.decode().strip()
         # The shell decides once whether there is a display: the server must answer first.
         deadline = time.time() + 20
         while xvfb.poll() is None and time.time() < deadline:
