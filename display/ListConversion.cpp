@@ -76,6 +76,15 @@ void convertList(const std::shared_ptr<hs::LumoraFrameList>& list, const Project
     pictures = std::move(converted);
 }
 
+void leaveHeld(Pictures& pictures) {
+    for (auto& [view, picture] : pictures) {
+        const cv::UMatData* data = picture.image.u;
+        // OpenCV counts the holders of a buffer atomically; the acquiring load orders the
+        // last holder's reads before the writes of the next conversion.
+        if (data != nullptr && __atomic_load_n(&data->refcount, __ATOMIC_ACQUIRE) > 1) picture.image.release();
+    }
+}
+
 void publish(const DeliveredList& item, const Pictures& pictures, bool drawnNext, imaging::Status status,
              imaging::Publisher& publisher) {
     imaging::Snapshot snapshot;

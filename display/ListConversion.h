@@ -40,6 +40,11 @@ void convertList(const std::shared_ptr<halden::sensor::LumoraFrameList>& list, c
                  imaging::ConversionContext& conversion, cv::Size resolution,
                  const std::function<cv::Point(int view)>& readoutPoint, bool withClouds, Pictures& pictures);
 
+// Lets go of the images of `pictures` that are held elsewhere too (by a watcher that has not
+// encoded them yet), so that a conversion into `pictures` draws over only the images no one
+// else reads.
+void leaveHeld(Pictures& pictures);
+
 // Hands `publisher` the non-empty pictures, the list and `status` completed with the source's
 // model and serial number, the list's frame types and the size of its last frame.
 // `drawnNext`: the images are drawn on afterwards, so the publisher gets copies.

@@ -290,6 +290,9 @@ void OpenCVVideoRendererSink::Renderer::loop(const Projection& projection) {
     ConversionContext conversion;
     std::vector<double> latencies;
     Cadence cloudsDue(kWatcherCloudInterval);
+    // Without windows: the pictures of the last lists handed to a watcher.
+    std::array<Pictures, 3> forWatcher;
+    std::size_t nextForWatcher = 0;
     // The GUI thread shows one list's pictures while the next list is converted into the
     // other's; their images are kept from list to list.
     std::array<WindowTable::Draw, 2> draws;
@@ -331,8 +334,11 @@ void OpenCVVideoRendererSink::Renderer::loop(const Projection& projection) {
             shown();
             if (!displayOn) windows.close(false);
             if (publishTo != nullptr) {
-                // The watcher keeps these images: they are not drawn over.
-                Pictures pictures;
+                // The watcher keeps the images it is handed until it has encoded them: those it
+                // still holds are left to it, the others drawn over.
+                Pictures& pictures = forWatcher[nextForWatcher];
+                nextForWatcher = (nextForWatcher + 1) % forWatcher.size();
+                leaveHeld(pictures);
                 convert(item.list, projection, conversion, cloudsDue.take(item.delivered), pictures);
                 publish(item, pictures, false, figures(), *publishTo);
             }
