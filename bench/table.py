@@ -33,6 +33,10 @@ ROWS = [
      lambda m: m <= 4),
     ("render a VGA list, depth + amplitude", lambda: 1e3 * f("BM_RenderVgaDepthAmplitude.seconds"), "ms",
      lambda: "(as above)", "<= 1.5 ms", lambda m: m <= 1.5),
+    ("delivery per VGA list of 4 types: looped / rendered",
+     lambda: f("BM_DeliveryThreadVgaAllTypes/30.cpu_ms_per_list") / f("BM_DeliveryThreadVgaAllTypes/0.cpu_ms_per_list"),
+     "x", lambda: f"rendered {f('BM_DeliveryThreadVgaAllTypes/0.cpu_ms_per_list'):.2f} ms, looped "
+                  f"{f('BM_DeliveryThreadVgaAllTypes/30.cpu_ms_per_list'):.2f} ms", "<= 0.2x", lambda m: m <= 0.2),
     ("copy_frame_list VGA depth+amplitude / memcpy",
      lambda: f("BM_CopyFrameListVgaDepthAmplitude.seconds") / f("BM_MemcpyVgaDepthAmplitude.seconds"), "x",
      lambda: f"memcpy {1e6 * f('BM_MemcpyVgaDepthAmplitude.seconds'):.1f} us", "<= 2x", lambda m: m <= 2),
