@@ -128,7 +128,10 @@ open_camera "QRX100A:160x120"
 expect_after "$P" "_run_stop_test" "$no"
 expect_after "$P" "run" "$ok"
 expect_after "$P" "_run_stop_test" "$ok"
-sleep 1.2
+# Typed as a cycle's run begins, so that no trace of the cycle moves the cursor meanwhile (the
+# editor would take the keys after it for another line's).
+runs=$(received_count "source(sim:0) state = 3")
+RETRY_SECONDS=30 retry "no run of the stress test" received_more "source(sim:0) state = 3" "$((runs + 1))"
 type_line ""
 expect_after "$P" "_run_stop_test" "-> result : already running"
 # "quit" ends the stress test, stops and closes the camera, and the process ends.
