@@ -5,9 +5,10 @@
 // time, so a slow watcher holds at most one message per slot and never delays the others.
 // Page messages (clicks, cloud and Measure on/off, ROIs, decode reports) are read and
 // answered on this thread; the depth-quality figures come from the live measurement's worker
-// thread, posted like the broadcasts. Shutdown: stop() posts a task that marks the state stopping and closes the
-// listening socket and every connection; each handler then ends without starting new work,
-// run() returns once none is left, and the shell thread joins the network thread.
+// thread, posted like the broadcasts. Shutdown: stop() posts a task that marks the state
+// stopping, tells the measure hook that nobody measures, and closes the listening socket and
+// every connection; each handler then ends without starting new work, run() returns once none
+// is left, and the shell thread joins the network thread.
 #include "Server.h"
 
 #include <optional>
