@@ -2,8 +2,9 @@
 # Depth quality measured live by the shell, against the truth of the simulated wall: a VGA
 # QRX100A facing a wall 1500 mm away with 5 mm of Gaussian noise, then the wall turned by 10
 # degrees, measured by "get depth_quality" from a scripted session; its refusals (no camera
-# running, bad settings, an ROI outside the frame, lists that stop coming); and lmr quality of
-# a dump of the turned wall made in the same session. (lmr's exit statuses are tests/lmr's.)
+# running, bad settings, an ROI outside the frame, lists that stop coming, no valid depth, no
+# depth at all); and lmr quality of a dump of the turned wall made in the same session. (lmr's
+# exit statuses are tests/lmr's.)
 source "$(dirname "$0")/lib.sh"
 # The noisy wall renders at a few lists a second under the sanitizers and emulation.
 export RETRY_SECONDS=180
@@ -63,6 +64,15 @@ answers "set quality_roi 40" success
 answers "set sim_fault 0:stall:9000" success
 answers "get depth_quality" timeout "depth quality: the lists stopped coming"
 answers stop success
+# No valid depth (every amplitude under the threshold), and no depth at all.
+answers "set amplitude_threshold 65535" success
+answers "run 6" success
+answers "get depth_quality" fail "depth quality: fewer valid pixels than a plane needs (3) in every list"
+answers stop success
+answers "run 4" success
+answers "get depth_quality" "not found" "depth quality: no depth frames and no point cloud"
+answers stop success
+answers "set amplitude_threshold 10" success
 
 # Turned by 10 degrees, measured live and from a dump of it. The camera renders a loop of 30
 # lists once and then delivers them in turn at 30 a second (each list's noise its own), so that
