@@ -80,7 +80,8 @@ public:
     // operation) or runs without depth and point clouds (not found); after the wait when the
     // ROI lies outside the frame (out of range), there are no rays for the depth (fail), no
     // list held enough valid pixels for a plane (fail), or no list was measured for `stall`
-    // (timeout). Logs at information level the lists dropped at the queue meanwhile.
+    // (timeout; not found when the lists that came held no depth and no point cloud). Logs at
+    // information level the lists dropped at the queue meanwhile.
     LiveResult measureNext(const halden::sensor::LumoraCamera* camera, std::chrono::steady_clock::duration stall);
 
     // Any thread: measures the last lists() lists over `roi` from now on, afresh, or nothing
