@@ -1,7 +1,11 @@
 """End-to-end cost of the web view: the shell streaming VGA lists at 30 fps with no display,
 mask 6 from a replay of a mode-1 recording and mask 30 from the simulated camera's loop
 (bench/livebench.py), each first with the web view off, then on with one watcher (headless
-chromium), then (mask 6) with a second watcher beside it. Prints a table; with RESULTS_FILE,
+chromium), then (mask 6) with Measure on in that watcher (the depth quality of its ROI over the
+last 30 lists, once a second) and off again (Measure's cost is against the mean of the figures
+before and after it, so that a drift of the machine's load cancels), then with a second watcher
+beside it.
+Prints a table; with RESULTS_FILE,
 appends the figures as "web.FIGURE=VALUE" lines for bench/table.py; with BENCH_LOG set,
 appends the shell's output to that file.
 Usage: web_e2e.py BUILD_DIR [SECONDS] [RESULTS_FILE]"""
@@ -69,8 +73,15 @@ with tempfile.TemporaryDirectory() as workdir:
             bytes_rate = (b1 - b0) / span
             decode.sort()
             page_decode_p99 = decode[int(0.99 * (len(decode) - 1))] if decode else 0
-            two = None
+            two = measuring = None
             if mask == 6:
+                browser.evaluate("document.getElementById('measure-toggle').click()")
+                browser.wait("lumora.quality && lumora.quality.lists === lumora.quality.window",
+                             "no figures of a full window in the page", 60)
+                measuring = cpu_percent(shell)
+                browser.evaluate("document.getElementById('measure-toggle').click()")
+                time.sleep(1)
+                measure_off = (on + cpu_percent(shell)) / 2
                 stop, counted = threading.Event(), [0]
                 thread = threading.Thread(target=second_watcher, args=(url, stop, counted))
                 thread.start()
@@ -85,23 +96,24 @@ with tempfile.TemporaryDirectory() as workdir:
             # The renderer's count comes from its own thread, before or after the result line.
             shell.wait_for(r"-> result : success", mark)
             drawn = int(shell.wait_for(r": ([0-9]+) lists drawn", mark).group(1))
-            rows.append((mask, off, on, two, rates, bytes_rate, stats.groups(), page_decode_p99,
-                         drawn / (time.time() - run_began)))
+            rows.append((mask, off, on, (measuring, measure_off) if measuring is not None else None, two, rates,
+                         bytes_rate, stats.groups(), page_decode_p99, drawn / (time.time() - run_began)))
     shell.quit()
 
 names = {"1": "Depth", "2": "Amplitude", "3": "PCL-Depth", "4": "IPCL-Depth", "5": "IPCL-Amplitude"}
 print(f"\nWeb view end to end, VGA at 30 fps, no display, {seconds:.0f} s per figure "
       f"(processor time of the shell in % of one core; mask 6 from a replay, mask 30 from the simulated camera's "
       f"loop):")
-print("| mask | off | on, 1 watcher | + 2nd watcher | pictures/s per view | bytes/s per watcher | "
+print("| mask | off | on, 1 watcher | with Measure (against off before and after) | + 2nd watcher | pictures/s per view | bytes/s per watcher | "
       "delivery to socket p50 / p99 | delivery to page decoded p50 / p99 | decode in page p99 |")
-print("|---|---|---|---|---|---|---|---|---|")
+print("|---|---|---|---|---|---|---|---|---|---|")
 results = open(results_path, "a")
-for mask, off, on, two, rates, bytes_rate, stats, page_p99, drawn_rate in rows:
+for mask, off, on, measuring, two, rates, bytes_rate, stats, page_p99, drawn_rate in rows:
     views = ", ".join(f"{names[v]} {r:.1f}" for v, r in sorted(rates.items()))
     extra = f"{two:.1f} ({two - on:+.1f})" if two is not None else "-"
-    print(f"| {mask} | {off:.1f} | {on:.1f} ({on - off:+.1f}) | {extra} | {views} | {bytes_rate / 1e6:.2f} MB/s | "
-          f"{stats[0]} / {stats[1]} ms | {stats[2]} / {stats[3]} ms | {page_p99:.1f} ms |")
+    measured = f"{measuring[0]:.1f} ({measuring[0] - measuring[1]:+.1f})" if measuring is not None else "-"
+    print(f"| {mask} | {off:.1f} | {on:.1f} ({on - off:+.1f}) | {measured} | {extra} | {views} | "
+          f"{bytes_rate / 1e6:.2f} MB/s | {stats[0]} / {stats[1]} ms | {stats[2]} / {stats[3]} ms | {page_p99:.1f} ms |")
     key = f"web.m{mask}"
     results.write(f"{key}.cpu_off={off:.2f}\n{key}.cpu_on={on:.2f}\n{key}.lists_per_s={drawn_rate:.2f}\n"
                   f"{key}.pictures_per_s_min={min(rates.get(v, 0) for v in ('1', '2')):.2f}\n"
@@ -110,4 +122,6 @@ for mask, off, on, two, rates, bytes_rate, stats, page_p99, drawn_rate in rows:
         results.write(f"{key}.cloud_pictures_per_s_min={min(rates.get(v, 0) for v in ('3', '4', '5')):.2f}\n")
     if two is not None:
         results.write(f"{key}.cpu_two={two:.2f}\n")
+    if measuring is not None:
+        results.write(f"{key}.cpu_measure={measuring[0]:.2f}\n{key}.cpu_measure_off={measuring[1]:.2f}\n")
 results.close()

@@ -56,6 +56,44 @@ double quantile(std::vector<T>& values, double q) {
     return *nth + fraction * (high - *nth);
 }
 
+// The same q-quantile of the values that `each(f)` hands to f (in the same order at every call;
+// `count` of them, not none, from `low` to `high`), without gathering and reordering them all: a
+// histogram finds the bin that holds the lower order statistic, and only that bin's values are
+// gathered. Bins are monotonic in the value, so the ranks below a bin are those of the bins below.
+template <typename Each>
+double quantile_of(const Each& each, std::size_t count, float low, float high, double q) {
+    if (!(high > low)) return low;
+    const double position = q * static_cast<double>(count - 1);
+    const auto rank = static_cast<std::size_t>(position);
+    const double fraction = position - static_cast<double>(rank);
+    constexpr int kBins = 4096;
+    const float scale = static_cast<float>(kBins) / (high - low);
+    const auto bin = [&](float value) { return std::min(static_cast<int>((value - low) * scale), kBins - 1); };
+    std::vector<std::size_t> counts(kBins, 0);
+    each([&](float value) { ++counts[static_cast<std::size_t>(bin(value))]; });
+    int found = 0;
+    std::size_t below = 0;
+    while (below + counts[static_cast<std::size_t>(found)] <= rank)
+        below += counts[static_cast<std::size_t>(found++)];
+    std::vector<float> in;
+    in.reserve(counts[static_cast<std::size_t>(found)]);
+    each([&](float value) {
+        if (bin(value) == found) in.push_back(value);
+    });
+    const auto nth = in.begin() + static_cast<std::ptrdiff_t>(rank - below);
+    std::nth_element(in.begin(), nth, in.end());
+    if (fraction == 0.0) return *nth;
+    // The next order statistic: the least of the rest of this bin, else of the bins above.
+    float next = kLargest;
+    if (nth + 1 != in.end())
+        next = *std::min_element(nth + 1, in.end());
+    else
+        each([&](float value) {
+            if (bin(value) > found) next = std::min(next, value);
+        });
+    return *nth + fraction * (static_cast<double>(next) - *nth);
+}
+
 using Matrix = std::array<std::array<double, 3>, 3>;
 
 struct Eigen {
@@ -409,11 +447,9 @@ Quality DepthQualityMeter::result() const {
     std::size_t valid = 0;
     std::vector<double> distances, angles, rms;
     Missing planeMissing = Missing::kNone;
-    std::size_t amplitudeLists = 0;
     for (std::size_t k = 0; k < mCount; ++k) {
         const Kept& kept = mKept[k];
         valid += kept.valid;
-        if (kept.hasAmplitude) ++amplitudeLists;
         if (!kept.plane) {
             planeMissing = kept.planeMissing;
             continue;
@@ -463,32 +499,43 @@ Quality DepthQualityMeter::result() const {
     } else if (valid == 0) {
         q.zErrorMm = q.zErrorPct = missing(Missing::kNoValidPixels);
     } else {
-        std::vector<float> depths;
-        depths.reserve(valid);
-        for (std::size_t k = 0; k < mCount; ++k)
-            for (const float d : mKept[k].depth)
-                if (d > 0.0F) depths.push_back(d);
-        const double error = quantile(depths, 0.5) - *mSettings.truthMm;
+        const auto depths = [this](const auto& take) {
+            for (std::size_t k = 0; k < mCount; ++k)
+                for (const float d : mKept[k].depth)
+                    if (d > 0.0F) take(d);
+        };
+        float low = kLargest;
+        float high = 0.0F;
+        depths([&](float d) {
+            low = std::min(low, d);
+            high = std::max(high, d);
+        });
+        const double error = quantile_of(depths, valid, low, high, 0.5) - *mSettings.truthMm;
         q.zErrorMm = figure(error);
         q.zErrorPct = figure(100.0 * error / *mSettings.truthMm);
     }
 
-    std::vector<float> amplitudes;
-    amplitudes.reserve(amplitudeLists * roiPixels);
+    const auto amplitudes = [this](const auto& take) {
+        for (std::size_t k = 0; k < mCount; ++k)
+            if (mKept[k].hasAmplitude)
+                for (const float a : mKept[k].amplitude)
+                    if (std::isfinite(a)) take(a);
+    };
     double amplitudeSum = 0.0;
-    for (std::size_t k = 0; k < mCount; ++k) {
-        if (!mKept[k].hasAmplitude) continue;
-        for (const float a : mKept[k].amplitude)
-            if (std::isfinite(a)) {
-                amplitudes.push_back(a);
-                amplitudeSum += a;
-            }
-    }
-    if (amplitudes.empty()) {
+    std::size_t amplitudeCount = 0;
+    float low = kLargest;
+    float high = -kLargest;
+    amplitudes([&](float a) {
+        amplitudeSum += a;
+        ++amplitudeCount;
+        low = std::min(low, a);
+        high = std::max(high, a);
+    });
+    if (amplitudeCount == 0) {
         q.amplitudeMean = q.amplitudeP5 = missing(Missing::kNoAmplitude);
     } else {
-        q.amplitudeMean = figure(amplitudeSum / static_cast<double>(amplitudes.size()));
-        q.amplitudeP5 = figure(quantile(amplitudes, 0.05));
+        q.amplitudeMean = figure(amplitudeSum / static_cast<double>(amplitudeCount));
+        q.amplitudeP5 = figure(quantile_of(amplitudes, amplitudeCount, low, high, 0.05));
     }
     return q;
 }

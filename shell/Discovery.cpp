@@ -8,6 +8,7 @@
 #include "display/OpenCVVideoRendererSink.h"
 #include "dump/FrameDumpSink.h"
 #include "imaging/ColorMaps.h"
+#include "quality/LiveQuality.h"
 #include "terminal/TextHelpers.h"
 
 namespace lumora::shell {
@@ -46,13 +47,18 @@ Outcome select(ShellContext& context, const std::string& argument) {
     const std::string name = source->name();
     std::printf("selected device(%s:%s)\n\r", name.c_str(), source->serialNumber().c_str());
     context.promptName = name;
-    // The renderer is a prepared listener from start-up (main.cpp); the dump sink becomes one
-    // here, for this camera, and stops being one when it is closed (close_camera below).
+    // The renderer is a prepared listener from start-up (main.cpp); the dump sink and the live
+    // measurement become one here, for this camera, and stop being one when it is closed
+    // (forget_camera below).
     if (context.renderer != nullptr) context.camera->addSink(context.renderer);
     gSourceListener.setCamera(context.camera);
     if (context.dumpSink != nullptr) {
         context.camera->addSink(context.dumpSink);
         hs::add_prepared_listener(context.dumpSink);
+    }
+    if (context.liveQuality != nullptr) {
+        context.camera->addSink(context.liveQuality);
+        hs::add_prepared_listener(context.liveQuality);
     }
     if (context.camera->state() == hs::LumoraCamera::STATE_NOT_PREPARED) {
         const hs::Result result = context.camera->prepare();
@@ -73,8 +79,10 @@ Outcome deselect(ShellContext& context, const std::string& /*argument*/) {
     return result;
 }
 
+// Removes the prepared listeners that select (above) added.
 void forget_camera(ShellContext& context) {
     if (context.dumpSink != nullptr) hs::remove_prepared_listener(context.dumpSink);
+    if (context.liveQuality != nullptr) hs::remove_prepared_listener(context.liveQuality);
     context.camera.reset();
     context.promptName.clear();
 }

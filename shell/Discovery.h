@@ -13,7 +13,8 @@ Outcome select(ShellContext& context, const std::string& argument);
 Outcome deselect(ShellContext& context, const std::string& argument);
 
 // After the selected camera has been closed ("deselect", "quit"): undoes what "select" set up
-// beside the camera's own sinks (the dump sink's prepared listener) and forgets the camera.
+// beside the camera's own sinks (the prepared listeners of the dump sink and the live
+// measurement) and forgets the camera.
 void forget_camera(ShellContext& context);
 
 }  // namespace lumora::shell

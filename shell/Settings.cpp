@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
@@ -11,6 +12,8 @@
 #include "display/OpenCVVideoRendererSink.h"
 #include "dump/FrameDumpSink.h"
 #include "imaging/ColorMaps.h"
+#include "quality/LiveQuality.h"
+#include "quality/Report.h"
 #include "terminal/TextHelpers.h"
 #include "web/WebView.h"
 
@@ -237,6 +240,80 @@ Outcome get_web_bind(const char* key, ShellContext& context, const hs::LumoraPro
     return std::nullopt;
 }
 
+// How long `get depth_quality` waits for the next list before it says that the lists stopped
+// coming: generous, for emulated and sanitized builds, which deliver a few lists a second.
+constexpr auto kQualityStall = std::chrono::seconds(5);
+
+// "40" (a centred share, in %) or "X,Y,W,H" (pixels), as typed.
+Outcome set_quality_roi(ShellContext& context, const hs::LumoraProperty* /*value*/, const std::string& rest) {
+    if (context.liveQuality == nullptr) return kNotSupported;
+    const auto roi = quality::parse_roi(first_word(rest));
+    if (!roi) return kInvalid;
+    context.liveQuality->setRoi(*roi);
+    return kSuccess;
+}
+
+Outcome get_quality_roi(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    if (context.liveQuality == nullptr) return kNotSupported;
+    const quality::RoiSpec roi = context.liveQuality->roi();
+    const quality::Roi pixels = roi.pixels.value_or(quality::Roi{});
+    print_value(key, roi.pixels ? std::to_string(pixels.x) + "," + std::to_string(pixels.y) + "," +
+                                      std::to_string(pixels.width) + "," + std::to_string(pixels.height)
+                                : std::to_string(roi.percent));
+    return std::nullopt;
+}
+
+Outcome set_quality_frames(ShellContext& context, const hs::LumoraProperty* value, const std::string& /*rest*/) {
+    if (context.liveQuality == nullptr) return kNotSupported;
+    const auto number = number_of(value);
+    if (!number || *number != static_cast<double>(static_cast<int>(*number)) ||
+        !context.liveQuality->setLists(static_cast<std::size_t>(std::max(0.0, *number))))
+        return kInvalid;
+    return kSuccess;
+}
+
+Outcome get_quality_frames(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    if (context.liveQuality == nullptr) return kNotSupported;
+    print_value(key, std::to_string(context.liveQuality->lists()));
+    return std::nullopt;
+}
+
+// Millimetres; 0 for none.
+Outcome set_quality_truth(ShellContext& context, const hs::LumoraProperty* value, const std::string& /*rest*/) {
+    if (context.liveQuality == nullptr) return kNotSupported;
+    const auto number = number_of(value);
+    if (!number || !(*number >= 0.0) ||
+        !context.liveQuality->setTruth(*number == 0.0 ? std::nullopt : std::optional<double>(*number)))
+        return kInvalid;
+    return kSuccess;
+}
+
+Outcome get_quality_truth(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    if (context.liveQuality == nullptr) return kNotSupported;
+    char text[32];
+    std::snprintf(text, sizeof text, "%.10g", context.liveQuality->truth().value_or(0.0));
+    print_value(key, text);
+    return std::nullopt;
+}
+
+// Read only: the figures are measured, not set.
+Outcome set_depth_quality(ShellContext& context, const hs::LumoraProperty* /*value*/, const std::string& /*rest*/) {
+    return context.liveQuality == nullptr ? kNotSupported : Outcome(hs::RESULT_INVALID_OPERATION);
+}
+
+// Measures the selected camera's next lists and prints the figures, or one line saying why
+// there are none before the result line.
+Outcome get_depth_quality(const char* /*key*/, ShellContext& context, const hs::LumoraProperty* /*value*/) {
+    if (context.liveQuality == nullptr) return kNotSupported;
+    const quality::LiveResult measured = context.liveQuality->measureNext(context.camera.get(), kQualityStall);
+    if (measured.result != hs::RESULT_SUCCESS) {
+        std::printf("depth quality: %s\n", measured.why.c_str());
+        return Outcome(measured.result);
+    }
+    std::fputs(quality::format_text(measured.quality, measured.camera).c_str(), stdout);
+    return kSuccess;
+}
+
 struct Setting {
     const char* key;
     Outcome (*set)(ShellContext& context, const hs::LumoraProperty* value, const std::string& rest);
@@ -244,7 +321,7 @@ struct Setting {
 };
 
 // In the order "set" compares the keys.
-constexpr std::array<Setting, 13> kSettings = {{
+constexpr std::array<Setting, 17> kSettings = {{
     {"display", set_display, get_display},
     {"display_resolution", set_display_resolution, get_display_resolution},
     {"scale_rgb_max", set_scale<imaging::getDepthRange, imaging::setDepthRange, Bound::Max>,
@@ -262,6 +339,10 @@ constexpr std::array<Setting, 13> kSettings = {{
     {"web_view", set_web_view, get_web_view},
     {"web_port", set_web_port, get_web_port},
     {"web_bind", set_web_bind, get_web_bind},
+    {"quality_roi", set_quality_roi, get_quality_roi},
+    {"quality_frames", set_quality_frames, get_quality_frames},
+    {"quality_truth", set_quality_truth, get_quality_truth},
+    {"depth_quality", set_depth_quality, get_depth_quality},
 }};
 
 // The setting with that key, or null; none while the shell has no sinks to apply it to.

@@ -22,6 +22,10 @@ namespace lumora::web {
 class WebView;
 }  // namespace lumora::web
 
+namespace lumora::quality {
+class LiveQuality;
+}  // namespace lumora::quality
+
 namespace lumora::shell {
 
 struct ShellContext {
@@ -49,6 +53,9 @@ struct ShellContext {
     display::OpenCVVideoRendererSink* renderer = nullptr;
     // The live view in a web browser, owned by the entry point; fed by the renderer.
     web::WebView* webView = nullptr;
+    // The live depth-quality measurement, owned by the entry point; a sink of the selected
+    // camera, like the dump sink.
+    quality::LiveQuality* liveQuality = nullptr;
 
     // Ends the run/stop stress test: clear `running`, then wait for its thread.
     void stopStressTest() {

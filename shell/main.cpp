@@ -19,6 +19,7 @@
 #include "SourceListener.h"
 #include "display/OpenCVVideoRendererSink.h"
 #include "dump/FrameDumpSink.h"
+#include "quality/LiveQuality.h"
 #include "web/WebView.h"
 
 namespace {
@@ -51,16 +52,20 @@ int main() {
     lumora::shell::ShellContext context;
 
     halden::sensor::add_source_listener(&gSourceListener);
+    // Built before the web view that measures through it, so that it goes after it.
+    auto liveQuality = std::make_unique<lumora::quality::LiveQuality>();
     // Built before the renderer that publishes to it, so that it goes after it.
     auto webView = std::make_unique<lumora::web::WebView>();
+    webView->setMeasurement(liveQuality.get());
     auto renderer = std::make_unique<lumora::display::OpenCVVideoRendererSink>();
     renderer->setPublisher(webView.get());
     context.webView = webView.get();
     auto dumpSink = std::make_unique<lumora::dump::FrameDumpSink>();
     context.renderer = renderer.get();
     context.dumpSink = dumpSink.get();
-    // The renderer hears of every prepared camera from here on; the dump sink only of the
-    // selected one, added and removed with the selection (Discovery.cpp).
+    context.liveQuality = liveQuality.get();
+    // The renderer hears of every prepared camera from here on; the dump sink and the live
+    // measurement only of the selected one, added and removed with the selection (Discovery.cpp).
     halden::sensor::add_prepared_listener(renderer.get());
     gSourceListener.setStopTest([&context] { context.stopStressTest(); });
 
@@ -75,5 +80,6 @@ int main() {
     dumpSink.reset();
     renderer.reset();
     webView.reset();
+    liveQuality.reset();
     return 0;
 }

@@ -46,10 +46,24 @@ std::optional<PageMessage> parsePageMessage(std::string_view text) {
         message.sequence = static_cast<std::uint32_t>(*sequence);
         return message;
     }
-    if (take(text, "cloud ")) {
-        message.kind = PageMessage::Kind::Cloud;
+    const bool cloud = take(text, "cloud ");
+    if (cloud || take(text, "measure ")) {
+        message.kind = cloud ? PageMessage::Kind::Cloud : PageMessage::Kind::Measure;
         if (text != "0" && text != "1") return std::nullopt;
         message.on = text == "1";
+        return message;
+    }
+    if (take(text, "roi ")) {
+        message.kind = PageMessage::Kind::Roi;
+        const auto x = number(text, 65535);
+        const auto y = x ? number(text, 65535) : std::nullopt;
+        const auto width = y ? number(text, 65535) : std::nullopt;
+        const auto height = width ? number(text, 65535) : std::nullopt;
+        if (!height || *width < 1 || *height < 1 || !text.empty()) return std::nullopt;
+        message.x = static_cast<int>(*x);
+        message.y = static_cast<int>(*y);
+        message.width = static_cast<int>(*width);
+        message.height = static_cast<int>(*height);
         return message;
     }
     if (take(text, "decoded ")) {

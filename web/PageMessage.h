@@ -3,6 +3,9 @@
 //                         the picture numbered SEQ that the page shows
 //   "cloud 0" / "cloud 1" the page's 3-D view is closed / open
 //   "decoded SEQ"         the page has decoded the pictures numbered SEQ
+//   "measure 0" / "measure 1"  the page's Measure is off / on
+//   "roi X Y W H"         measure over columns X to X + W - 1 and rows Y to Y + H - 1 of the
+//                         frame (W and H at least 1)
 // Pure functions, any thread.
 #pragma once
 
@@ -17,11 +20,13 @@ namespace lumora::web {
 constexpr std::size_t kMaxPageMessage = 64;
 
 struct PageMessage {
-    enum class Kind { Click, Cloud, Decoded };
+    enum class Kind { Click, Cloud, Decoded, Measure, Roi };
     Kind kind = Kind::Click;
     int view = 0;
     int x = 0;
     int y = 0;
+    int width = 0;
+    int height = 0;
     std::uint32_t sequence = 0;
     bool on = false;
 };

@@ -3,10 +3,12 @@
 // The encoder thread produces a Broadcast per frame list and posts it here; each watcher
 // keeps, per slot, only the newest message not yet written, and writes one message at a
 // time, so a slow watcher holds at most one message per slot and never delays the others.
-// Page messages (clicks, cloud on/off, decode reports) are read and answered on this
-// thread. Shutdown: stop() posts a task that marks the state stopping and closes the
-// listening socket and every connection; each handler then ends without starting new work,
-// run() returns once none is left, and the shell thread joins the network thread.
+// Page messages (clicks, cloud and Measure on/off, ROIs, decode reports) are read and
+// answered on this thread; the depth-quality figures come from the live measurement's worker
+// thread, posted like the broadcasts. Shutdown: stop() posts a task that marks the state
+// stopping, tells the measure hook that nobody measures, and closes the listening socket and
+// every connection; each handler then ends without starting new work, run() returns once none
+// is left, and the shell thread joins the network thread.
 #include "Server.h"
 
 #include <optional>
@@ -163,7 +165,7 @@ std::string Server::start(const std::string& address, unsigned short port, const
     beast::error_code error;
     const auto ip = asio::ip::make_address(address, error);
     if (error) return "\"" + address + "\" is not an address";
-    auto state = std::make_unique<State>(mPage, token, mCounters);
+    auto state = std::make_unique<State>(mPage, token, mCounters, mMeasureHook);
     const tcp::endpoint endpoint(ip, port);
     const std::string where = address + ":" + std::to_string(port);
     state->acceptor.emplace(*state->io);
@@ -194,6 +196,10 @@ ServerStats Server::stop() {
         state.counters.png.store(0);
         state.counters.cloud.store(0);
         state.recent.clear();
+        if (state.measuring > 0) {
+            state.measuring = 0;
+            state.measureChanged();
+        }
     });
     if (mThread.joinable()) mThread.join();
     ServerStats stats = state.stats;
@@ -211,6 +217,17 @@ void Server::broadcast(std::shared_ptr<const Broadcast> message) {
     if (!mState) return;
     State& state = *mState;
     asio::post(*state.io, [&state, message = std::move(message)] { deliver(state, message); });
+}
+
+void Server::sendFigures(std::string json) {
+    if (!mState) return;
+    State& state = *mState;
+    auto bytes = std::make_shared<const std::string>(std::move(json));
+    asio::post(*state.io, [&state, bytes = std::move(bytes)] {
+        if (state.stopping) return;
+        for (const auto& watcher : state.joined)
+            if (watcher->measuring()) watcher->offer(kFiguresSlot, bytes, false, std::nullopt);
+    });
 }
 
 }  // namespace lumora::web

@@ -6,17 +6,28 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include <halden/sensor/LumoraFrame.h>
 
+#include "quality/Roi.h"
+
 namespace lumora::web {
 
 // What each watcher may hold back, newest only: one picture per view (1..5), one point
-// cloud per cloud view, the status and the last read-out.
-enum Slot : int { kStatusSlot = 0, kCloudSlot = 6, kIntensityCloudSlot = 7, kReadoutSlot = 8, kSlotCount = 9 };
+// cloud per cloud view, the status, the last read-out and the last depth-quality figures.
+enum Slot : int {
+    kStatusSlot = 0,
+    kCloudSlot = 6,
+    kIntensityCloudSlot = 7,
+    kReadoutSlot = 8,
+    kFiguresSlot = 9,
+    kSlotCount = 10
+};
 
 // The messages of one frame list, each encoded once for every watcher. Picture slots hold
 // JPEG in `jpeg` and, when a watcher asked for lossless pictures, PNG in `png`; the status
@@ -48,6 +59,10 @@ struct ServerStats {
 class Server {
 public:
     static constexpr int kMaxWatchers = 8;
+    // Told, on the network thread, the ROI to measure while one watcher or more has Measure on
+    // (the centred 40% until a page gives another; one for all of them, the last given), and
+    // std::nullopt once none has.
+    using MeasureHook = std::function<void(const std::optional<quality::RoiSpec>&)>;
 
     // `page` is the HTML sent for the page's route.
     explicit Server(std::string page);
@@ -67,6 +82,11 @@ public:
     // Any thread. Hands a list's messages to the network thread, which sends each watcher
     // the newest it holds for each slot as its socket takes them.
     void broadcast(std::shared_ptr<const Broadcast> message);
+    // Shell thread, before start(): the hook of the servings from then on.
+    void setMeasureHook(MeasureHook hook) { mMeasureHook = std::move(hook); }
+    // Any thread, from start() to stop() (the caller sees to it): a text message for the
+    // watchers with Measure on, held back as the newest of its slot.
+    void sendFigures(std::string json);
 
     // Any thread, lock-free.
     int watchers() const { return mCounters.watchers.load(std::memory_order_relaxed); }
@@ -84,6 +104,7 @@ public:
 
 private:
     Counters mCounters;
+    MeasureHook mMeasureHook;
     std::string mPage;
     std::unique_ptr<State> mState;
     std::thread mThread;

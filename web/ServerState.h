@@ -9,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
@@ -22,8 +23,8 @@ class Connection;
 class Watcher;
 
 struct Server::State {
-    State(const std::string& pageText, const std::string& tokenText, Counters& sharedCounters)
-        : page(pageText), token(tokenText), counters(sharedCounters) {}
+    State(const std::string& pageText, const std::string& tokenText, Counters& sharedCounters, MeasureHook hook)
+        : page(pageText), token(tokenText), counters(sharedCounters), measure(std::move(hook)) {}
     // The acceptor and the connections go before the io_context they were made on.
     ~State() {
         acceptor.reset();
@@ -37,6 +38,7 @@ struct Server::State {
     const std::string page;
     const std::string token;
     Counters& counters;
+    const MeasureHook measure;
     // The network thread's own from here on.
     bool stopping = false;
     std::set<Connection*> connections;
@@ -46,6 +48,14 @@ struct Server::State {
     ServerStats stats;
     std::vector<double> handOff;
     std::vector<double> decoded;
+    // Watchers with Measure on, and the ROI they measure over.
+    int measuring = 0;
+    quality::RoiSpec roi;
+
+    // Tells the hook what is measured now.
+    void measureChanged() const {
+        if (measure) measure(measuring > 0 ? std::optional<quality::RoiSpec>(roi) : std::nullopt);
+    }
 };
 
 }  // namespace lumora::web

@@ -137,6 +137,17 @@ void Watcher::handle(const PageMessage& message) {
             if (const auto found = findRecent(mState, message.sequence))
                 sample(mState.decoded, millisecondsSince(found->delivered));
             break;
+        case PageMessage::Kind::Measure:
+            if (message.on == mMeasure) break;
+            mMeasure = message.on;
+            mState.measuring += message.on ? 1 : -1;
+            // The first to turn it on and the last to turn it off change what is measured.
+            if (mState.measuring == (message.on ? 1 : 0)) mState.measureChanged();
+            break;
+        case PageMessage::Kind::Roi:
+            mState.roi = quality::RoiSpec{0, quality::Roi{message.x, message.y, message.width, message.height}};
+            if (mState.measuring > 0) mState.measureChanged();
+            break;
     }
 }
 
@@ -148,6 +159,8 @@ void Watcher::leave() {
     if (mPng) mState.counters.png.fetch_sub(1);
     if (mCloud) mState.counters.cloud.fetch_sub(1);
     mCloud = false;
+    if (mMeasure && --mState.measuring == 0) mState.measureChanged();
+    mMeasure = false;
 }
 
 // Round robin over the slots, so that no slot waits behind the others.

@@ -42,6 +42,7 @@ public:
 
     bool png() const { return mPng; }
     bool cloud() const { return mCloud; }
+    bool measuring() const { return mMeasure; }
 
 private:
     struct Pending {
@@ -63,6 +64,7 @@ private:
     boost::beast::websocket::stream<boost::beast::tcp_stream> mSocket;
     const bool mPng;
     bool mCloud = false;
+    bool mMeasure = false;
     bool mWriting = false;
     int mNextSlot = 0;
     std::array<Pending, kSlotCount> mPending;

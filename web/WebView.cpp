@@ -2,8 +2,11 @@
 // slot of one; a snapshot the encoder has not taken yet is replaced, so the render thread
 // never waits. The encoder thread takes the newest, encodes each picture once (and the
 // point clouds at most ten times a second while a watcher has the 3-D view open) and posts
-// the result to the server's network thread. Shutdown: stop() marks the encoder stopping,
-// wakes and joins it, then stops the server.
+// the result to the server's network thread. The live measurement's worker hands its figures
+// over once a second while a watcher measures; they are posted to the network thread the same
+// way. Shutdown: stop() takes the figures listener back (waiting for a call under way), marks
+// the encoder stopping, wakes and joins it, then stops the server, which tells the live
+// measurement that nobody measures.
 #include "web/WebView.h"
 
 #include <cmath>
@@ -21,6 +24,8 @@
 #include "Server.h"
 #include "Token.h"
 #include "imaging/View.h"
+#include "quality/LiveQuality.h"
+#include "quality/Report.h"
 
 namespace lumora::web {
 
@@ -92,6 +97,13 @@ std::string statusJson(const Status& status, std::uint32_t sequence, std::uint64
            R"(,"fps":)" + jsonString(status.fpsText) + "," + numbers + "}";
 }
 
+// The figures as quality::format_json gives them, with the type, the window and the problem.
+std::string figuresJson(const quality::LiveFigures& figures) {
+    const std::string report = quality::format_json(figures.quality);
+    return R"({"type":"quality","window":)" + std::to_string(figures.window) + R"(,"problem":)" +
+           jsonString(figures.problem) + "," + report.substr(1);
+}
+
 std::int16_t millimetres(float metres) {
     const float mm = metres * 1000.0F;
     if (!std::isfinite(mm)) return 0;
@@ -138,6 +150,14 @@ WebView::WebView() : mServer(std::make_unique<Server>(std::string(pageHtml()))) 
 
 WebView::~WebView() { stop(); }
 
+void WebView::setMeasurement(quality::LiveQuality* live) {
+    mLive = live;
+    if (live == nullptr)
+        mServer->setMeasureHook({});
+    else
+        mServer->setMeasureHook([live](const std::optional<quality::RoiSpec>& roi) { live->setRolling(roi); });
+}
+
 bool WebView::setBind(const std::string& address) {
     boost::system::error_code error;
     boost::asio::ip::make_address(address, error);
@@ -160,11 +180,15 @@ std::string WebView::start() {
         mPending.reset();
     }
     mEncoder = std::thread([this] { encodeLoop(); });
+    if (mLive != nullptr)
+        mLive->setFiguresListener(
+            [this](const quality::LiveFigures& figures) { mServer->sendFigures(figuresJson(figures)); });
     return {};
 }
 
 void WebView::stop() {
     if (!isOn()) return;
+    if (mLive != nullptr) mLive->setFiguresListener({});
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         mStopping = true;

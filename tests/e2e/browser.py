@@ -87,6 +87,11 @@ class Browser:
         for kind in ("mousePressed", "mouseReleased"):
             self.call("Input.dispatchMouseEvent", type=kind, x=x, y=y, button="left", clickCount=1)
 
+    def drag(self, x0, y0, x1, y1):
+        self.call("Input.dispatchMouseEvent", type="mousePressed", x=x0, y=y0, button="left", clickCount=1)
+        self.call("Input.dispatchMouseEvent", type="mouseMoved", x=x1, y=y1, button="left")
+        self.call("Input.dispatchMouseEvent", type="mouseReleased", x=x1, y=y1, button="left", clickCount=1)
+
     def png_of(self, view):
         """The last lossless picture of a view the page decoded: (frame timestamp, bytes)."""
         text = self.evaluate(f"""(async () => {{

@@ -5,7 +5,9 @@
 # shows pictures that update, a click on the Depth picture reads the depth the recording
 # holds at that pixel of the frame shown, and the view goes off with its port. With the
 # windows on, the lossless pictures the page decodes are lmr's export of the same record,
-# pixel for pixel. (Requests without the token are web_limits.sh's.)
+# pixel for pixel. Measure on the page of a VGA camera facing the simulated wall: the figures
+# over an ROI dragged on its Depth picture, against the wall's truth. (Requests without the
+# token are web_limits.sh's.)
 source "$(dirname "$0")/web_lib.sh"
 OK="-> result : success"
 
@@ -42,4 +44,11 @@ for display in 0 1; do
   end_piped
   port_free || fail "the port is still bound after the end of the script"
 done
+
+start_piped QRX100A 0
+start_web
+say search "select 0" "set sim_scene wall:1500:10" "set sim_noise 5" "set quality_frames 10" "run 6"
+wait_out "$OK" 6
+checks measure "$URL" 10
+end_piped
 echo "web: passed"

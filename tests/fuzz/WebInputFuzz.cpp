@@ -21,6 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (size > lumora::web::kMaxPageMessage) std::abort();
         if (message->kind == lumora::web::PageMessage::Kind::Click && (message->view < 1 || message->view > 5))
             std::abort();
+        if (message->kind == lumora::web::PageMessage::Kind::Roi && (message->width < 1 || message->height < 1))
+            std::abort();
     }
     return 0;
 }

@@ -66,12 +66,25 @@ TEST(PageMessages, OnlyThePagesOwnFormsAreTaken) {
     ASSERT_TRUE(decoded);
     EXPECT_EQ(decoded->kind, PageMessage::Kind::Decoded);
     EXPECT_EQ(decoded->sequence, 77U);
+    EXPECT_EQ(parsePageMessage("measure 1")->kind, PageMessage::Kind::Measure);
+    EXPECT_TRUE(parsePageMessage("measure 1")->on);
+    EXPECT_FALSE(parsePageMessage("measure 0")->on);
+    const auto roi = parsePageMessage("roi 0 65535 7 1");
+    ASSERT_TRUE(roi);
+    EXPECT_EQ(roi->kind, PageMessage::Kind::Roi);
+    EXPECT_EQ(roi->x, 0);
+    EXPECT_EQ(roi->y, 65535);
+    EXPECT_EQ(roi->width, 7);
+    EXPECT_EQ(roi->height, 1);
 
     for (const char* text :
          {"", "click", "click 1 2 3", "click 0 1 1 1", "click 6 1 1 1", "click 1 65536 1 1", "click 1 1 1 4294967296",
           "click 1 1 1 1 ", "click 1  1 1 1", "click -1 1 1 1", "click 1 1 1 1 1", "click 1 1 1 x", "cloud 2",
           "cloud 1 ", "decoded", "decoded 1 2", "CLICK 1 1 1 1", "hello",
           "click 1 1 1 00000000000000000000000000000000000000000000000000000000001"})
+        EXPECT_FALSE(parsePageMessage(text)) << text;
+    for (const char* text : {"measure", "measure 2", "measure 1 ", "roi 1 2 3", "roi 1 2 0 4", "roi 1 2 3 0",
+                             "roi 1 2 3 65536", "roi 1 2 3 4 5", "roi -1 2 3 4"})
         EXPECT_FALSE(parsePageMessage(text)) << text;
 }
 

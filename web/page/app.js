@@ -29,12 +29,14 @@
     const v = { id, figure, canvas, caption, context: canvas.getContext("2d"), busy: false, waiting: null,
                 sequence: 0, point: null };
     canvas.addEventListener("click", (event) => {
+      if (v.dragged) return;
       const x = Math.floor(event.offsetX * canvas.width / canvas.clientWidth);
       const y = Math.floor(event.offsetY * canvas.height / canvas.clientHeight);
       v.point = [x, y];
       send("click " + id + " " + x + " " + y + " " + v.sequence);
     });
     views[id] = v;
+    if (id === 1) measure.attach(v);
     return v;
   }
 
@@ -62,6 +64,7 @@
       stats.shown[v.id] = { sequence: head.sequence, timestamp: head.timestamp };
       if (head.format === 1) stats.lastPng[v.id] = { timestamp: head.timestamp, blob };
       if (v.point) marker(v);
+      if (v.id === 1) measure.overlay(v);
       stats.decodeMs.push(performance.now() - received);
       if (stats.decodeMs.length > 10000) stats.decodeMs.shift();
       stats.pictures[v.id] = (stats.pictures[v.id] || 0) + 1;
@@ -106,6 +109,9 @@
       statusLine.textContent = message.camera + " " + message.serial + " · mask " + message.mask + " · " +
         message.width + " x " + message.height + " · lists drawn " + message.drawn + ", dropped " + message.dropped;
       fpsLine.textContent = message.fps;
+      measure.frame(message.width, message.height);
+    } else if (message.type === "quality") {
+      measure.figures(message);
     } else if (message.type === "readout") {
       stats.readout = message;
       const v = views[message.view];
@@ -119,7 +125,10 @@
     socket = new WebSocket((location.protocol === "https:" ? "wss://" : "ws://") + location.host + "/ws" +
                            location.search);
     socket.binaryType = "arraybuffer";
-    socket.onopen = () => { if (cloud.open) send("cloud 1"); };
+    socket.onopen = () => {
+      if (cloud.open) send("cloud 1");
+      measure.reopened();
+    };
     socket.onmessage = (event) => {
       if (typeof event.data === "string") {
         onText(JSON.parse(event.data));
@@ -139,6 +148,185 @@
       statusLine.textContent = "not connected: " + stats.closed;
     };
   }
+
+  // Measure: the depth-quality figures of the shell's live measurement over an ROI dragged on
+  // the Depth picture, once a second, with a trend of the last minute and every second received
+  // as CSV. The page only draws: the figures come made.
+  const measure = (function () {
+    const FIGURES = [
+      ["fill_rate_pct", "fill rate", (q) => q.fill_rate_pct.toFixed(2) + " %"],
+      ["distance_mm", "distance", (q) => q.distance_mm.toFixed(1) + " mm"],
+      ["plane_angle_deg", "plane angle", (q) => q.plane_angle_deg.toFixed(2) + " deg"],
+      ["plane_fit_rms_mm", "plane-fit RMS", (q) => q.plane_fit_rms_mm.toFixed(2) + " mm"],
+      ["temporal_noise_mm", "temporal noise", (q) => q.temporal_noise_mm.toFixed(2) + " mm"],
+      ["z_error_mm", "Z accuracy", (q) => signed(q.z_error_mm, 1) + " mm (" + signed(q.z_error_pct, 2) + " %)"],
+      ["amplitude_mean", "amplitude",
+       (q) => "mean " + q.amplitude_mean.toFixed(1) + ", 5th percentile " + q.amplitude_p5.toFixed(0)],
+    ];
+    const COLUMNS = ["fill_rate_pct", "distance_mm", "plane_angle_deg", "plane_fit_rms_mm", "temporal_noise_mm",
+                     "z_error_mm", "z_error_pct", "amplitude_mean", "amplitude_p5"];
+    const TREND_MS = 60000;
+    const KEPT_ROWS = 86400;
+    const panel = document.getElementById("measure");
+    const toggle = document.getElementById("measure-toggle");
+    const head = document.getElementById("measure-head");
+    const table = document.getElementById("measure-figures");
+    const trend = document.getElementById("measure-trend");
+    const csv = document.getElementById("measure-csv");
+    // `roi` is the one drawn, `given` the last one dragged here, `served` that of the last figures.
+    const state = { on: false, frame: null, roi: null, given: null, served: null, drag: null, rows: [], url: null };
+
+    function signed(value, digits) { return (value >= 0 ? "+" : "") + value.toFixed(digits); }
+    function same(a, b) { return !!a && !!b && a.every((value, i) => value === b[i]); }
+
+    // The centred 40% of the frame, rounded as the shell does, until figures say otherwise.
+    function shownRoi() {
+      if (state.roi) return state.roi;
+      const [width, height] = state.frame;
+      const w = Math.max(1, Math.floor((width * 40 + 50) / 100)), h = Math.max(1, Math.floor((height * 40 + 50) / 100));
+      return [Math.floor((width - w) / 2), Math.floor((height - h) / 2), w, h];
+    }
+
+    // Where the mouse is on the picture, as a share of its shown size: the picture may be the
+    // frame scaled down, and shown scaled again.
+    function share(canvas, event) {
+      const box = canvas.getBoundingClientRect();
+      const clamp = (value) => Math.min(1, Math.max(0, value));
+      return [clamp((event.clientX - box.left) / box.width), clamp((event.clientY - box.top) / box.height)];
+    }
+
+    // The frame's pixels between two shares of the picture: [x, y, width, height].
+    function frameRect(a, b) {
+      const [width, height] = state.frame;
+      const x = Math.min(width - 1, Math.floor(Math.min(a[0], b[0]) * width));
+      const y = Math.min(height - 1, Math.floor(Math.min(a[1], b[1]) * height));
+      return [x, y, Math.max(1, Math.ceil(Math.max(a[0], b[0]) * width) - x),
+              Math.max(1, Math.ceil(Math.max(a[1], b[1]) * height) - y)];
+    }
+
+    function attach(v) {
+      v.canvas.addEventListener("mousedown", (event) => {
+        if (!state.on || !state.frame || event.button !== 0) return;
+        const at = share(v.canvas, event);
+        state.drag = { from: at, to: at, x: event.clientX, y: event.clientY };
+      });
+      window.addEventListener("mousemove", (event) => {
+        if (state.drag) state.drag.to = share(v.canvas, event);
+      });
+      window.addEventListener("mouseup", (event) => {
+        const drag = state.drag;
+        if (!drag) return;
+        state.drag = null;
+        // A press without a drag is a click: the read-out's.
+        if (Math.abs(event.clientX - drag.x) + Math.abs(event.clientY - drag.y) < 4) return;
+        state.roi = state.given = frameRect(drag.from, share(v.canvas, event));
+        stats.roi = state.roi;
+        send("roi " + state.roi.join(" "));
+        v.dragged = true;
+        setTimeout(() => { v.dragged = false; }, 0);
+      });
+    }
+
+    function overlay(v) {
+      if (!state.on || !state.frame) return;
+      const c = v.context, sx = v.canvas.width / state.frame[0], sy = v.canvas.height / state.frame[1];
+      const r = state.drag ? frameRect(state.drag.from, state.drag.to) : shownRoi();
+      c.lineWidth = 1;
+      for (const [colour, offset] of [["#fff", 0], ["#000", 4]]) {
+        c.setLineDash([4, 4]);
+        c.lineDashOffset = offset;
+        c.strokeStyle = colour;
+        c.strokeRect(r[0] * sx + 0.5, r[1] * sy + 0.5, r[2] * sx - 1, r[3] * sy - 1);
+      }
+      c.setLineDash([]);
+    }
+
+    function figures(message) {
+      stats.quality = message;
+      if (!state.on) return;
+      // Another page's ROI, or ours come back: the one the figures are over from now on.
+      if (message.roi[2] > 0 && !same(message.roi, state.served)) {
+        state.served = message.roi;
+        state.roi = message.roi.slice();
+        stats.roi = state.roi;
+      }
+      const [x, y, w, h] = message.roi;
+      head.textContent = message.problem ? "no figures: " + message.problem :
+        "ROI " + x + "," + y + " " + w + "x" + h + " · " + message.lists + " of " + message.window + " lists";
+      table.replaceChildren(...FIGURES.map(([key, name, text]) => {
+        const row = document.createElement("tr");
+        row.id = "figure-" + key;
+        for (const cell of [name, message[key] === null ? message.reasons[key] || "" : text(message)]) {
+          const td = document.createElement("td");
+          td.textContent = cell;
+          row.append(td);
+        }
+        return row;
+      }));
+      if (!message.problem) {
+        state.rows.push(Object.assign({ time: Date.now(), lists: message.lists, roi: message.roi },
+                                      ...COLUMNS.map((key) => ({ [key]: message[key] }))));
+        if (state.rows.length > KEPT_ROWS) state.rows.shift();
+      }
+      drawTrend();
+    }
+
+    // Distance (left scale) and temporal noise (right scale) of the last minute.
+    function drawTrend() {
+      const c = trend.getContext("2d"), width = trend.width, height = trend.height, now = Date.now(), pad = 14;
+      c.fillStyle = "#000";
+      c.fillRect(0, 0, width, height);
+      c.font = "10px monospace";
+      const recent = state.rows.filter((row) => row.time > now - TREND_MS);
+      for (const [key, colour, right] of [["distance_mm", "#ffd166", false], ["temporal_noise_mm", "#6fd3ff", true]]) {
+        const points = recent.filter((row) => row[key] !== null);
+        if (!points.length) continue;
+        let low = Math.min(...points.map((row) => row[key])), high = Math.max(...points.map((row) => row[key]));
+        if (high - low < 0.1) { low -= 0.05; high += 0.05; }
+        const toY = (value) => height - pad - (value - low) / (high - low) * (height - 2 * pad);
+        c.strokeStyle = colour;
+        c.beginPath();
+        points.forEach((row, i) => {
+          const toX = (row.time - now + TREND_MS) / TREND_MS * width;
+          if (i) c.lineTo(toX, toY(row[key])); else c.moveTo(toX, toY(row[key]));
+        });
+        c.stroke();
+        c.fillStyle = colour;
+        c.textAlign = right ? "right" : "left";
+        c.fillText(high.toFixed(1) + " mm", right ? width - 2 : 2, 10);
+        c.fillText(low.toFixed(1) + " mm", right ? width - 2 : 2, height - 3);
+      }
+    }
+
+    // The link downloads the rows as they are when it is clicked.
+    csv.addEventListener("click", () => {
+      const lines = ["time,lists,roi_x,roi_y,roi_width,roi_height," + COLUMNS.join(",")];
+      for (const row of state.rows)
+        lines.push([new Date(row.time).toISOString(), row.lists, ...row.roi,
+                    ...COLUMNS.map((key) => row[key] === null ? "" : row[key])].join(","));
+      if (state.url) URL.revokeObjectURL(state.url);
+      state.url = URL.createObjectURL(new Blob([lines.join("\n") + "\n"], { type: "text/csv" }));
+      csv.href = state.url;
+    });
+
+    toggle.addEventListener("click", () => {
+      state.on = !state.on;
+      toggle.setAttribute("aria-pressed", String(state.on));
+      panel.hidden = !state.on;
+      send(state.on ? "measure 1" : "measure 0");
+    });
+
+    return {
+      attach, overlay, figures,
+      frame(width, height) { if (width > 0 && height > 0) state.frame = [width, height]; },
+      // A new serving knows nothing of this page: it is told again.
+      reopened() {
+        if (!state.on) return;
+        send("measure 1");
+        if (state.given) send("roi " + state.given.join(" "));
+      },
+    };
+  })();
 
   // The 3-D view: WebGL points coloured by distance, turned by dragging.
   const cloud = (function () {

@@ -13,6 +13,10 @@
 
 #include "imaging/Publisher.h"
 
+namespace lumora::quality {
+class LiveQuality;
+}  // namespace lumora::quality
+
 namespace lumora::web {
 
 class PictureEncoder;
@@ -20,7 +24,8 @@ class Server;
 
 // Threads: the shell thread starts and stops the view; the render thread publishes; the
 // view's encoder thread encodes each snapshot once and hands it to the server's network
-// thread, which sends it.
+// thread, which sends it; the live measurement's worker hands it the depth-quality figures of
+// the watchers with Measure on.
 class WebView : public imaging::Publisher {
 public:
     static constexpr unsigned short kDefaultPort = 8080;
@@ -38,6 +43,10 @@ public:
     const std::string& bind() const { return mBind; }
     void setPort(unsigned short port) { mPort = port; }
     unsigned short port() const { return mPort; }
+    // Shell thread, before start(): the live measurement that the pages' Measure turns on and
+    // off and gives its ROI (not owned; it must outlive the view). Without one, Measure shows
+    // nothing.
+    void setMeasurement(quality::LiveQuality* live);
 
     // Shell thread. Serves on bind():port() with a new token (a view already serving is
     // stopped first). Empty on success, else one line saying why.
@@ -58,6 +67,7 @@ private:
     void encode(const imaging::Snapshot& snapshot, PictureEncoder& encoder);
 
     const std::unique_ptr<Server> mServer;
+    quality::LiveQuality* mLive = nullptr;
     std::string mBind = kDefaultBind;
     unsigned short mPort = kDefaultPort;
     std::string mUrl;
