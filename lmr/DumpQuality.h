@@ -15,7 +15,7 @@ namespace lumora::lmr {
 struct QualityOptions {
     std::string file;
     std::optional<RecordRange> records;  // every whole record when absent
-    quality::RoiSpec roi;
+    quality::RoiRequest roi;
     std::optional<double> truthMm;
     // The rays of depth records; when absent, those of the camera that replays the file.
     std::optional<quality::Calibration> intrinsics;

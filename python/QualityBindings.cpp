@@ -26,7 +26,7 @@ T as(const py::handle& value, const std::string& expected) {
     }
 }
 
-quality::RoiSpec roi_of(const py::handle& roi) {
+quality::RoiRequest roi_of(const py::handle& roi) {
     if (roi.is_none()) return {};
     if (PyIndex_Check(roi.ptr()) && !PyBool_Check(roi.ptr())) {
         const int percent = as<int>(roi, kRoiForm);

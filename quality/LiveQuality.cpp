@@ -72,11 +72,11 @@ void copy_rows(const void* plane, int frameWidth, const Roi& roi, std::size_t by
         std::memcpy(out, in + (static_cast<std::size_t>(roi.y + r) * frameWidth + roi.x) * bytes, row);
 }
 
-Cut cut_of(const ListView& view, const RoiSpec& spec) {
+Cut cut_of(const ListView& view, const RoiRequest& request) {
     Cut cut;
     cut.frameWidth = view.width;
     cut.frameHeight = view.height;
-    cut.roi = resolve_roi(spec, view.width, view.height);
+    cut.roi = resolve_roi(request, view.width, view.height);
     if (cut.roi.empty()) return cut;
     const std::size_t pixels = static_cast<std::size_t>(cut.roi.width) * static_cast<std::size_t>(cut.roi.height);
     cut.points = view.depth == nullptr;
@@ -150,14 +150,14 @@ struct LiveQuality::Worker {
         if (rolling) rollingGeneration = ++generation;
     }
     // What the meters need of the settings. With `mutex` held.
-    Settings settings() const { return {RoiSpec{}, calibration, truth, lists}; }
+    Settings settings() const { return {RoiRequest{}, calibration, truth, lists}; }
 
     // Guards everything up to the atomics; held only to read or write these, never while
     // measuring.
     mutable std::mutex mutex;
     // Woken at each list measured for the shell and at the end of its measurement.
     std::condition_variable onceProgress;
-    RoiSpec roi;
+    RoiRequest roi;
     std::size_t lists = kDefaultLists;
     std::optional<double> truth;
     std::optional<Calibration> calibration;
@@ -169,7 +169,7 @@ struct LiveQuality::Worker {
     std::size_t onceMeasured = 0;
     std::size_t onceUnreadable = 0;
     std::optional<LiveResult> onceResult;
-    std::optional<RoiSpec> rolling;
+    std::optional<RoiRequest> rolling;
     std::uint64_t rollingGeneration = 0;
 
     // Read by the delivery thread without the lock, so that it returns at once when nothing is
@@ -208,7 +208,7 @@ Status LiveQuality::Worker::add(Meter& m, std::uint64_t generation, const Cut& c
     if (cut.roi.empty()) return Status::kEmptyRoi;
     if (m.generation != generation || !same(m.roi, cut.roi) || m.frameWidth != cut.frameWidth ||
         m.frameHeight != cut.frameHeight) {
-        base.roi = RoiSpec{0, Roi{0, 0, cut.roi.width, cut.roi.height}};
+        base.roi = RoiRequest{0, Roi{0, 0, cut.roi.width, cut.roi.height}};
         // The cut's pixel (0, 0) is the frame's (x, y): the same rays, about a principal point
         // moved by as much.
         if (base.calibration) {
@@ -232,7 +232,7 @@ void LiveQuality::Worker::finishOnce(hs::Result result, std::string why, const Q
 void LiveQuality::Worker::takeOnce(const Item& item) {
     if (item.onceGeneration == 0) return;
     Settings wanted;
-    RoiSpec asked;
+    RoiRequest asked;
     {
         const std::lock_guard<std::mutex> lock(mutex);
         if (item.onceGeneration != onceGeneration || onceResult) return;
@@ -325,8 +325,8 @@ void LiveQuality::onLumoraFrameList(hs::LumoraSource* /*source*/,
     Worker& w = *mWorker;
     if (!w.onceWanted.load(std::memory_order_relaxed) && !w.rollingWanted.load(std::memory_order_relaxed)) return;
     Item item;
-    RoiSpec onceRoi;
-    std::optional<RoiSpec> rollingRoi;
+    RoiRequest onceRoi;
+    std::optional<RoiRequest> rollingRoi;
     {
         const std::lock_guard<std::mutex> lock(w.mutex);
         if (w.onceGeneration != 0 && !w.onceResult) {
@@ -358,12 +358,12 @@ void LiveQuality::onLumoraCameraPrepared(hs::LumoraCamera* camera) {
     mWorker->restartRolling();
 }
 
-void LiveQuality::setRoi(const RoiSpec& roi) {
+void LiveQuality::setRoi(const RoiRequest& roi) {
     const std::lock_guard<std::mutex> lock(mWorker->mutex);
     mWorker->roi = roi;
 }
 
-RoiSpec LiveQuality::roi() const {
+RoiRequest LiveQuality::roi() const {
     const std::lock_guard<std::mutex> lock(mWorker->mutex);
     return mWorker->roi;
 }
@@ -444,7 +444,7 @@ LiveResult LiveQuality::measureNext(const hs::LumoraCamera* camera, Clock::durat
     return result;
 }
 
-void LiveQuality::setRolling(const std::optional<RoiSpec>& roi) {
+void LiveQuality::setRolling(const std::optional<RoiRequest>& roi) {
     const std::lock_guard<std::mutex> lock(mWorker->mutex);
     mWorker->rolling = roi;
     mWorker->restartRolling();

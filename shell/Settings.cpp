@@ -255,7 +255,7 @@ Outcome set_quality_roi(ShellContext& context, const hs::LumoraProperty* /*value
 
 Outcome get_quality_roi(const char* key, ShellContext& context, const hs::LumoraProperty* /*value*/) {
     if (context.liveQuality == nullptr) return kNotSupported;
-    const quality::RoiSpec roi = context.liveQuality->roi();
+    const quality::RoiRequest roi = context.liveQuality->roi();
     const quality::Roi pixels = roi.pixels.value_or(quality::Roi{});
     print_value(key, roi.pixels ? std::to_string(pixels.x) + "," + std::to_string(pixels.y) + "," +
                                       std::to_string(pixels.width) + "," + std::to_string(pixels.height)

@@ -62,7 +62,7 @@ public:
     // Told, on the network thread, the ROI to measure while one watcher or more has Measure on
     // (the centred 40% until a page gives another; one for all of them, the last given), and
     // std::nullopt once none has.
-    using MeasureHook = std::function<void(const std::optional<quality::RoiSpec>&)>;
+    using MeasureHook = std::function<void(const std::optional<quality::RoiRequest>&)>;
 
     // `page` is the HTML sent for the page's route.
     explicit Server(std::string page);

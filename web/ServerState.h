@@ -50,11 +50,11 @@ struct Server::State {
     std::vector<double> decoded;
     // Watchers with Measure on, and the ROI they measure over.
     int measuring = 0;
-    quality::RoiSpec roi;
+    quality::RoiRequest roi;
 
     // Tells the hook what is measured now.
     void measureChanged() const {
-        if (measure) measure(measuring > 0 ? std::optional<quality::RoiSpec>(roi) : std::nullopt);
+        if (measure) measure(measuring > 0 ? std::optional<quality::RoiRequest>(roi) : std::nullopt);
     }
 };
 

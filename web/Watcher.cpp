@@ -145,7 +145,7 @@ void Watcher::handle(const PageMessage& message) {
             if (mState.measuring == (message.on ? 1 : 0)) mState.measureChanged();
             break;
         case PageMessage::Kind::Roi:
-            mState.roi = quality::RoiSpec{0, quality::Roi{message.x, message.y, message.width, message.height}};
+            mState.roi = quality::RoiRequest{0, quality::Roi{message.x, message.y, message.width, message.height}};
             if (mState.measuring > 0) mState.measureChanged();
             break;
     }

@@ -155,7 +155,7 @@ void WebView::setMeasurement(quality::LiveQuality* live) {
     if (live == nullptr)
         mServer->setMeasureHook({});
     else
-        mServer->setMeasureHook([live](const std::optional<quality::RoiSpec>& roi) { live->setRolling(roi); });
+        mServer->setMeasureHook([live](const std::optional<quality::RoiRequest>& roi) { live->setRolling(roi); });
 }
 
 bool WebView::setBind(const std::string& address) {

@@ -106,7 +106,7 @@ TEST(DepthQuality, RaysUndistortTheirPixels) {
 }
 
 TEST(DepthQuality, RoiIsParsedCentredAndClipped) {
-    EXPECT_EQ(resolve_roi(RoiSpec{}, kWidth, kHeight).x, 192);
+    EXPECT_EQ(resolve_roi(RoiRequest{}, kWidth, kHeight).x, 192);
     const auto centred = parse_roi("40");
     ASSERT_TRUE(centred);
     const Roi r = resolve_roi(*centred, kWidth, kHeight);
@@ -259,7 +259,7 @@ TEST(DepthQuality, SaysWhyAFigureCannotBeHad) {
     settings.roi = *parse_roi("700,0,10,10");
     ASSERT_EQ(meter.configure(settings), Status::kOk);
     EXPECT_EQ(meter.add(depth_view(depth)), Status::kEmptyRoi);
-    settings.roi = RoiSpec{};
+    settings.roi = RoiRequest{};
     ASSERT_EQ(meter.configure(settings), Status::kOk);
     ListView signedDepth = depth_view(depth);
     signedDepth.depthType = Sample::kInt16;

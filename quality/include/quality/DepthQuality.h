@@ -66,7 +66,7 @@ struct Quality {
 };
 
 struct Settings {
-    RoiSpec roi;
+    RoiRequest roi;
     // The rays for depth (point clouds carry their points); the frames' own resolution.
     std::optional<Calibration> calibration;
     std::optional<double> truthMm;

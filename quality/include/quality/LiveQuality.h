@@ -68,8 +68,8 @@ public:
     // Settings, any thread; each change starts the rolling window afresh. The ROI is that of
     // measureNext() alone; the lists (N, 2 to kMaxLists: false and nothing changed otherwise)
     // and the true distance (none, or above 0) are both measurements'.
-    void setRoi(const RoiSpec& roi);
-    RoiSpec roi() const;
+    void setRoi(const RoiRequest& roi);
+    RoiRequest roi() const;
     bool setLists(std::size_t lists);
     std::size_t lists() const;
     bool setTruth(std::optional<double> truthMm);
@@ -86,7 +86,7 @@ public:
 
     // Any thread: measures the last lists() lists over `roi` from now on, afresh, or nothing
     // more (std::nullopt). Returns at once.
-    void setRolling(const std::optional<RoiSpec>& roi);
+    void setRolling(const std::optional<RoiRequest>& roi);
     // Any thread: the rolling window's figures go to `listener` on the worker thread, once a
     // second while lists come; an empty one stops them. Returns once a call under way has ended.
     void setFiguresListener(FiguresListener listener);

@@ -19,17 +19,17 @@ struct Roi {
 
 // What the user asked for: `percent` of the width and of the height, centred (when `pixels`
 // is empty), or the pixel rectangle `pixels`.
-struct RoiSpec {
+struct RoiRequest {
     int percent = 40;
     std::optional<Roi> pixels;
 };
 
 // "40" (1 to 100) or "X,Y,W,H" (X, Y at least 0, W, H at least 1); nothing for any other text.
-std::optional<RoiSpec> parse_roi(const std::string& text);
+std::optional<RoiRequest> parse_roi(const std::string& text);
 
-// The rectangle of `spec` in a frame of width x height pixels: a share rounded to whole pixels
+// The rectangle of `request` in a frame of width x height pixels: a share rounded to whole pixels
 // (at least one) and centred; a pixel rectangle clipped to the frame, empty when it lies
 // outside.
-Roi resolve_roi(const RoiSpec& spec, int width, int height);
+Roi resolve_roi(const RoiRequest& request, int width, int height);
 
 }  // namespace lumora::quality
