@@ -30,10 +30,38 @@ with open(results_path, "a") as results:
 port = 20000 + os.getpid() % 20000
 
 
-def cpu_percent(shell):
+def tree_cpu_seconds(root):
+    """Processor seconds of `root` and all its descendants (the browser's processes)."""
+    parents, seconds_of = {}, {}
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            fields = open(f"/proc/{entry}/stat").read().rsplit(")", 1)[1].split()
+        except OSError:
+            continue
+        parents[int(entry)] = int(fields[1])
+        seconds_of[int(entry)] = (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    total = 0.0
+    for pid, used in seconds_of.items():
+        ancestor = pid
+        while ancestor not in (0, 1, root) and ancestor in parents:
+            ancestor = parents[ancestor]
+        if ancestor == root:
+            total += used
+    return total
+
+
+def cpu_percent(shell, browser=None):
+    """The shell's processor time in % of one core over `seconds`; with `browser`, also the
+    browser's."""
     c0 = shell.cpu_seconds()
+    b0 = tree_cpu_seconds(browser.process.pid) if browser else 0
     time.sleep(seconds)
-    return 100 * (shell.cpu_seconds() - c0) / seconds
+    shell_percent = 100 * (shell.cpu_seconds() - c0) / seconds
+    if browser is None:
+        return shell_percent
+    return shell_percent, 100 * (tree_cpu_seconds(browser.process.pid) - b0) / seconds
 
 
 def second_watcher(url, stop, counted):
@@ -65,7 +93,7 @@ with tempfile.TemporaryDirectory() as workdir:
             browser.wait("lumora.pictures[1] >= 30", "no pictures in the page")
             time.sleep(2)
             before = browser.evaluate("JSON.stringify([lumora.pictures, lumora.bytes, performance.now()])")
-            on = cpu_percent(shell)
+            on, browser_cpu = cpu_percent(shell, browser)
             after = browser.evaluate("[lumora.pictures, lumora.bytes, performance.now(), lumora.decodeMs.slice(-300)]")
             p0, b0, t0 = json.loads(before)
             p1, b1, t1, decode = after
@@ -91,7 +119,8 @@ with tempfile.TemporaryDirectory() as workdir:
                 stop.set()
                 thread.join()
             stats = shell.command("set web_view off", r"delivery to socket p50 ([0-9.]+) ms p99 ([0-9.]+) ms, to "
-                                  r"decoded in the page p50 ([0-9.]+) ms p99 ([0-9.]+) ms")
+                                  r"decoded in the page p50 ([0-9.]+) ms p99 ([0-9.]+) ms; written to decoded in "
+                                  r"the page p50 ([0-9.]+) ms p99 ([0-9.]+) ms")
             mark = len(shell.output)
             shell.say("stop")
             # The renderer's count comes from its own thread, before or after the result line.
@@ -99,7 +128,7 @@ with tempfile.TemporaryDirectory() as workdir:
             drawn = int(shell.wait_for(r": ([0-9]+) lists drawn", mark).group(1))
             rows.append((mask, off, on, (measuring, measure_off) if measuring is not None else None, two, rates,
                          bytes_rate, stats.groups(), page_decode_p99,
-                         (drawn - drawn_before) / (time.time() - run_began)))
+                         (drawn - drawn_before) / (time.time() - run_began), browser_cpu))
             drawn_before = drawn
     shell.quit()
 
@@ -108,19 +137,22 @@ print(f"\nWeb view end to end, VGA at 30 fps, no display, {seconds:.0f} s per fi
       f"(processor time of the shell in % of one core; mask 6 from a replay, mask 30 from the simulated camera's "
       f"loop):")
 print("| mask | off | on, 1 watcher | with Measure (against off before and after) | + 2nd watcher | pictures/s per view | bytes/s per watcher | "
-      "delivery to socket p50 / p99 | delivery to page decoded p50 / p99 | decode in page p99 |")
-print("|---|---|---|---|---|---|---|---|---|---|")
+      "delivery to socket p50 / p99 | delivery to page decoded p50 / p99 | written to page decoded p50 / p99 | "
+      "decode in page p99 | browser's processor |")
+print("|---|---|---|---|---|---|---|---|---|---|---|---|")
 results = open(results_path, "a")
-for mask, off, on, measuring, two, rates, bytes_rate, stats, page_p99, drawn_rate in rows:
+for mask, off, on, measuring, two, rates, bytes_rate, stats, page_p99, drawn_rate, browser_cpu in rows:
     views = ", ".join(f"{names[v]} {r:.1f}" for v, r in sorted(rates.items()))
     extra = f"{two:.1f} ({two - on:+.1f})" if two is not None else "-"
     measured = f"{measuring[0]:.1f} ({measuring[0] - measuring[1]:+.1f})" if measuring is not None else "-"
     print(f"| {mask} | {off:.1f} | {on:.1f} ({on - off:+.1f}) | {measured} | {extra} | {views} | "
-          f"{bytes_rate / 1e6:.2f} MB/s | {stats[0]} / {stats[1]} ms | {stats[2]} / {stats[3]} ms | {page_p99:.1f} ms |")
+          f"{bytes_rate / 1e6:.2f} MB/s | {stats[0]} / {stats[1]} ms | {stats[2]} / {stats[3]} ms | "
+          f"{stats[4]} / {stats[5]} ms | {page_p99:.1f} ms | {browser_cpu:.0f} % |")
     key = f"web.m{mask}"
     results.write(f"{key}.cpu_off={off:.2f}\n{key}.cpu_on={on:.2f}\n{key}.lists_per_s={drawn_rate:.2f}\n"
                   f"{key}.pictures_per_s_min={min(rates.get(v, 0) for v in ('1', '2')):.2f}\n"
-                  f"{key}.socket_p99_ms={stats[1]}\n{key}.decoded_p99_ms={stats[3]}\n")
+                  f"{key}.socket_p99_ms={stats[1]}\n{key}.decoded_p99_ms={stats[3]}\n"
+                  f"{key}.in_page_p99_ms={stats[5]}\n{key}.browser_cpu={browser_cpu:.1f}\n")
     if mask == 30:
         results.write(f"{key}.cloud_pictures_per_s_min={min(rates.get(v, 0) for v in ('3', '4', '5')):.2f}\n")
     if two is not None:

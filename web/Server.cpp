@@ -149,7 +149,8 @@ void deliver(State& state, const std::shared_ptr<const Broadcast>& message) {
             if (!bytes) continue;
             const bool picture = slot != kStatusSlot && !cloud;
             watcher->offer(slot, bytes, slot != kStatusSlot,
-                           picture ? std::optional<Clock::time_point>(message->delivered) : std::nullopt);
+                           picture ? std::optional<Watcher::Stamp>({message->sequence, message->delivered})
+                                   : std::nullopt);
         }
     }
 }
@@ -207,6 +208,8 @@ ServerStats Server::stop() {
     stats.handOffP99 = percentile(state.handOff, 0.99);
     stats.decodedP50 = percentile(state.decoded, 0.5);
     stats.decodedP99 = percentile(state.decoded, 0.99);
+    stats.inPageP50 = percentile(state.inPage, 0.5);
+    stats.inPageP99 = percentile(state.inPage, 0.99);
     mState.reset();
     return stats;
 }

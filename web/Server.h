@@ -54,6 +54,10 @@ struct ServerStats {
     double handOffP99 = 0.0;
     double decodedP50 = 0.0;
     double decodedP99 = 0.0;
+    // Milliseconds from a list's first picture written out to the page reporting it decoded:
+    // the part of the above spent in the network's buffers and the browser.
+    double inPageP50 = 0.0;
+    double inPageP99 = 0.0;
 };
 
 class Server {

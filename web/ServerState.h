@@ -48,6 +48,7 @@ struct Server::State {
     ServerStats stats;
     std::vector<double> handOff;
     std::vector<double> decoded;
+    std::vector<double> inPage;
     // Watchers with Measure on, and the ROI they measure over.
     int measuring = 0;
     quality::RoiRequest roi;

@@ -1,5 +1,6 @@
 #include "Watcher.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 #include <vector>
@@ -61,6 +62,11 @@ void Watcher::start(const http::request<http::empty_body>& request) {
     beast::get_lowest_layer(mSocket).expires_never();
     mSocket.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
     mSocket.read_message_max(kMaxPageMessage);
+    // A picture goes out as one frame at once: Nagle's wait for the page's delayed
+    // acknowledgement held the tail of each message back by tens of milliseconds.
+    mSocket.auto_fragment(false);
+    beast::error_code ignored;
+    beast::get_lowest_layer(mSocket).socket().set_option(tcp::no_delay(true), ignored);
     mSocket.async_accept(request, [self = shared_from_this()](beast::error_code error) { self->onAccept(error); });
 }
 
@@ -69,11 +75,10 @@ void Watcher::close() {
     beast::get_lowest_layer(mSocket).socket().close(ignored);
 }
 
-void Watcher::offer(int slot, std::shared_ptr<const std::string> bytes, bool binary,
-                    std::optional<Clock::time_point> delivered) {
+void Watcher::offer(int slot, std::shared_ptr<const std::string> bytes, bool binary, std::optional<Stamp> picture) {
     Pending& pending = mPending[static_cast<std::size_t>(slot)];
     if (pending.bytes) ++mState.stats.messagesDropped;
-    pending = {std::move(bytes), binary, delivered};
+    pending = {std::move(bytes), binary, picture};
     if (!mWriting) writeNext();
 }
 
@@ -136,6 +141,9 @@ void Watcher::handle(const PageMessage& message) {
         case PageMessage::Kind::Decoded:
             if (const auto found = findRecent(mState, message.sequence))
                 sample(mState.decoded, millisecondsSince(found->delivered));
+            for (const auto& [sequence, written] : mWritten)
+                if (sequence == message.sequence && written != Clock::time_point{})
+                    sample(mState.inPage, millisecondsSince(written));
             break;
         case PageMessage::Kind::Measure:
             if (message.on == mMeasure) break;
@@ -173,7 +181,8 @@ void Watcher::writeNext() {
         mNextSlot = (slot + 1) % kSlotCount;
         Pending taken = std::move(pending);
         pending = {};
-        if (taken.delivered) sample(mState.handOff, millisecondsSince(*taken.delivered));
+        if (taken.picture) sample(mState.handOff, millisecondsSince(taken.picture->delivered));
+        mWritingPicture = taken.picture;
         mWriting = true;
         mSocket.binary(taken.binary);
         const auto bytes = taken.bytes;
@@ -193,6 +202,16 @@ void Watcher::onWritten(beast::error_code error, std::size_t written) {
     }
     ++mState.stats.messagesSent;
     mState.stats.bytesSent += written;
+    if (mWritingPicture) {
+        const std::uint32_t sequence = mWritingPicture->sequence;
+        const bool seen = std::any_of(mWritten.begin(), mWritten.end(), [&](const auto& w) {
+            return w.first == sequence && w.second != Clock::time_point{};
+        });
+        if (!seen) {
+            mWritten[mNextWritten] = {sequence, Clock::now()};
+            mNextWritten = (mNextWritten + 1) % mWritten.size();
+        }
+    }
     writeNext();
 }
 

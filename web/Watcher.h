@@ -5,9 +5,11 @@
 
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
@@ -34,11 +36,15 @@ public:
     void start(const boost::beast::http::request<boost::beast::http::empty_body>& request);
     // Closes the socket; the handlers under way then end.
     void close();
+    // For a picture: its message's sequence, and when the library delivered its list.
+    struct Stamp {
+        std::uint32_t sequence = 0;
+        std::chrono::steady_clock::time_point delivered;
+    };
+
     // Holds `bytes` as the newest message of `slot`, replacing (and counting as dropped) one
-    // not yet written, and writes when the socket is free. `delivered`: for a picture, when
-    // the library delivered its list.
-    void offer(int slot, std::shared_ptr<const std::string> bytes, bool binary,
-               std::optional<std::chrono::steady_clock::time_point> delivered);
+    // not yet written, and writes when the socket is free. `picture`: set for a picture.
+    void offer(int slot, std::shared_ptr<const std::string> bytes, bool binary, std::optional<Stamp> picture);
 
     bool png() const { return mPng; }
     bool cloud() const { return mCloud; }
@@ -48,7 +54,7 @@ private:
     struct Pending {
         std::shared_ptr<const std::string> bytes;
         bool binary = true;
-        std::optional<std::chrono::steady_clock::time_point> delivered;
+        std::optional<Stamp> picture;
     };
 
     void onAccept(boost::beast::error_code error);
@@ -68,6 +74,11 @@ private:
     bool mWriting = false;
     int mNextSlot = 0;
     std::array<Pending, kSlotCount> mPending;
+    // The picture being written, and when the last few messages' first pictures were written
+    // out, for the time the page then takes to decode them.
+    std::optional<Stamp> mWritingPicture;
+    std::array<std::pair<std::uint32_t, std::chrono::steady_clock::time_point>, 8> mWritten{};
+    std::size_t mNextWritten = 0;
     boost::beast::flat_buffer mInput;
 };
 

@@ -200,11 +200,12 @@ void WebView::stop() {
     mUrl.clear();
     hs::Log::i(LUMORA_LOG_TAG("WebView"),
                "web view: %llu messages sent, %llu dropped for slow watchers, %llu bytes, %llu watchers refused; "
-               "delivery to socket p50 %.1f ms p99 %.1f ms, to decoded in the page p50 %.1f ms p99 %.1f ms",
+               "delivery to socket p50 %.1f ms p99 %.1f ms, to decoded in the page p50 %.1f ms p99 %.1f ms; "
+               "written to decoded in the page p50 %.1f ms p99 %.1f ms",
                static_cast<unsigned long long>(stats.messagesSent),
                static_cast<unsigned long long>(stats.messagesDropped), static_cast<unsigned long long>(stats.bytesSent),
                static_cast<unsigned long long>(stats.watchersRefused), stats.handOffP50, stats.handOffP99,
-               stats.decodedP50, stats.decodedP99);
+               stats.decodedP50, stats.decodedP99, stats.inPageP50, stats.inPageP99);
 }
 
 bool WebView::wanted() const { return mServer->watchers() > 0; }
