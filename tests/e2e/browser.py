@@ -93,16 +93,22 @@ class Browser:
         self.call("Input.dispatchMouseEvent", type="mouseReleased", x=x1, y=y1, button="left", clickCount=1)
 
     def png_of(self, view):
-        """The last lossless picture of a view the page decoded: (frame timestamp, bytes)."""
+        """The last lossless picture of a view the page decoded, and what its canvas shows:
+        (frame timestamp, PNG bytes, the canvas's RGBA bytes)."""
         text = self.evaluate(f"""(async () => {{
             const p = lumora.lastPng[{view}];
             if (!p) return null;
+            const canvas = document.getElementById('view-{view}');
+            const shown = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
+            const base64 = (bytes) => {{
+                let s = '';
+                for (let i = 0; i < bytes.length; i += 4096) s += String.fromCharCode(...bytes.subarray(i, i + 4096));
+                return btoa(s);
+            }};
             const bytes = new Uint8Array(await p.blob.arrayBuffer());
-            let s = '';
-            for (let i = 0; i < bytes.length; i += 4096) s += String.fromCharCode(...bytes.subarray(i, i + 4096));
-            return JSON.stringify({{timestamp: p.timestamp, data: btoa(s)}});
+            return JSON.stringify({{timestamp: p.timestamp, data: base64(bytes), shown: base64(shown)}});
         }})()""")
         if text is None:
             return None
         value = json.loads(text)
-        return value["timestamp"], base64.b64decode(value["data"])
+        return value["timestamp"], base64.b64decode(value["data"]), base64.b64decode(value["shown"])

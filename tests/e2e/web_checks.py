@@ -79,22 +79,34 @@ def decode_png(data):
 
 
 def check_png(url, export):
+    """Both ways the page paints: decoded by ImageDecoder, and (where a browser has no
+    WebCodecs, as on a page served over plain http to another machine) through an ImageBitmap."""
     index = {int(row["timestamp"]): row for row in csv.DictReader(open(os.path.join(export, "index.csv")))}
-    with Browser() as browser:
-        if browser.open(url) != 200:
-            fail("the page was not served")
-        for view, column in ((1, "depth_colour_png"), (2, "amplitude_png")):
-            browser.wait(f"lumora.lastPng[{view}]", f"no lossless picture of view {view}")
-            stamp, data = browser.png_of(view)
-            if stamp not in index:
-                fail(f"view {view}: timestamp {stamp} is no exported record")
-            shown = decode_png(data)
-            exported = decode_png(open(os.path.join(export, index[stamp][column]), "rb").read())
-            if shown[:3] != exported[:3]:
-                fail(f"view {view}: {shown[:3]} against the export's {exported[:3]}")
-            if shown[3] != exported[3]:
-                fail(f"view {view}: the pixels differ from {index[stamp][column]}")
-            print(f"png: view {view} of {stamp} is {index[stamp][column]}, pixel for pixel ({shown[0]} x {shown[1]})")
+    for direct in (True, False):
+        with Browser() as browser:
+            if not direct:
+                browser.call("Page.enable")
+                browser.call("Page.addScriptToEvaluateOnNewDocument", source="delete window.ImageDecoder;")
+            if browser.open(url) != 200:
+                fail("the page was not served")
+            if browser.evaluate("typeof ImageDecoder === 'function'") != direct:
+                fail(f"ImageDecoder {'missing' if direct else 'still there'}")
+            for view, column in ((1, "depth_colour_png"), (2, "amplitude_png")):
+                browser.wait(f"lumora.lastPng[{view}]", f"no lossless picture of view {view}")
+                stamp, data, canvas = browser.png_of(view)
+                if stamp not in index:
+                    fail(f"view {view}: timestamp {stamp} is no exported record")
+                shown = decode_png(data)
+                exported = decode_png(open(os.path.join(export, index[stamp][column]), "rb").read())
+                if shown[:3] != exported[:3]:
+                    fail(f"view {view}: {shown[:3]} against the export's {exported[:3]}")
+                if shown[3] != exported[3]:
+                    fail(f"view {view}: the pixels differ from {index[stamp][column]}")
+                painted = Image.frombytes("RGBA", shown[:2], canvas).convert("RGB").tobytes()
+                if painted != Image.open(io.BytesIO(data)).convert("RGB").tobytes():
+                    fail(f"view {view}: the canvas does not show its picture ({'direct' if direct else 'bitmap'})")
+                print(f"png: view {view} of {stamp} is {index[stamp][column]}, pixel for pixel ({shown[0]} x "
+                      f"{shown[1]}), and so is its canvas ({'ImageDecoder' if direct else 'ImageBitmap'})")
 
 
 def check_cloud(url):
