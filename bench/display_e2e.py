@@ -38,6 +38,9 @@ with tempfile.TemporaryDirectory() as workdir:
         shell.command("set log_level 3")
         counts = [0, 0]
         livebench.use_replay(shell, recording)
+        # Qt opens the shell's first windows once, slowly: that run is its own figure, and the
+        # minutes measured are those of a shell whose windows have been opened before.
+        first = livebench.measure_windows(shell, 6, 2, 1, counts)
         m6 = livebench.measure_windows(shell, 6, seconds, 3, counts)
         shell.command("deselect")
         livebench.use_loop(shell, 640, 480)
@@ -52,11 +55,12 @@ print(f"\nDisplay end to end, VGA at 30 fps under Xvfb, {seconds:.0f} s per run 
 print("| run | processor | lists drawn/s | dropped | frame-rate text | delivery to window p50 / p99 |")
 print("|---|---|---|---|---|---|")
 print(f"| bare imshow loop, 3 windows | {bare_cpu:.1f} % | 30 | - | - | {bare_p50} / {bare_p99} ms |")
-for name, figures in (("shell, mask 6", m6), ("shell, mask 30 (six windows)", m30)):
+for name, figures in (("shell, mask 6, first windows (2 s)", first), ("shell, mask 6", m6),
+                      ("shell, mask 30 (six windows)", m30)):
     print(f"| {name} | {100 * figures['cpu']:.1f} % | {figures['drawn_per_s']:.2f} | {figures['dropped']} | "
           f"{figures['fps']:.2f} | {figures['p50_ms']:.2f} / {figures['p99_ms']:.2f} ms |")
 with open(results_path, "a") as results:
     results.write(f"display.bare_cpu={bare_cpu:.2f}\ndisplay.bare_p50_ms={bare_p50}\ndisplay.bare_p99_ms={bare_p99}\n")
-    for mask, figures in ((6, m6), (30, m30)):
+    for name, figures in (("first", first), ("m6", m6), ("m30", m30)):
         for key, value in figures.items():
-            results.write(f"display.m{mask}.{key}={100 * value if key == 'cpu' else value:.6g}\n")
+            results.write(f"display.{name}.{key}={100 * value if key == 'cpu' else value:.6g}\n")
