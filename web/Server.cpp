@@ -148,9 +148,9 @@ void deliver(State& state, const std::shared_ptr<const Broadcast>& message) {
             const auto& bytes = watcher->png() && message->png[index] ? message->png[index] : message->jpeg[index];
             if (!bytes) continue;
             const bool picture = slot != kStatusSlot && !cloud;
-            watcher->offer(slot, bytes, slot != kStatusSlot,
-                           picture ? std::optional<Watcher::Stamp>({message->sequence, message->delivered})
-                                   : std::nullopt);
+            watcher->offer(
+                slot, bytes, slot != kStatusSlot,
+                picture ? std::optional<Watcher::Stamp>({message->sequence, message->delivered}) : std::nullopt);
         }
     }
 }
