@@ -184,14 +184,13 @@ def start_x_server():
 
 def measure_windows(shell, mask, seconds, settle, counts):
     """One run of `mask` with the windows on: the shell's processor time per second over
-    `seconds` after `settle` s, the lists drawn and delivered per second and dropped at the
-    renderer's queue over the whole run, its delivery-to-window times, and the lists that
+    `seconds` after `settle` s, the lists drawn and delivered per second (from the first list's
+    delivery to the last's) and dropped at the renderer's queue over the whole run, its delivery-to-window times, and the lists that
     waited for the windows to open with the longest of their times. `counts` holds
     the renderer's totals so far (drawn, dropped) and is brought up to date."""
     mark = len(shell.output)
     shell.say(f"run {mask}")
     shell.wait_for(r"-> result : success", mark)
-    began = time.time()
     time.sleep(settle)
     c0, t0 = shell.cpu_seconds(), time.time()
     time.sleep(seconds)
@@ -200,14 +199,18 @@ def measure_windows(shell, mask, seconds, settle, counts):
     shell.say("stop")
     # The renderer logs from its own thread, before or after the result line.
     shell.wait_for(r"-> result : success", mark)
-    found = shell.wait_for(r": ([0-9]+) lists drawn, ([0-9]+) dropped at the queue, fps : ([0-9.]+)", mark)
+    found = shell.wait_for(r": ([0-9]+) lists drawn, ([0-9]+) dropped at the queue, fps : ([0-9.]+).*this run drew "
+                           r"([0-9]+), delivered over ([0-9.]+) s", mark)
     drawn, dropped = int(found.group(1)), int(found.group(2))
+    # Rates over the time the run's lists were delivered (the first list of a large replay or
+    # loop comes a while after `run`), counting intervals between lists.
+    run_drawn, delivering = int(found.group(4)), float(found.group(5))
     latency = shell.wait_for(r"delivery to the window system p50 ([0-9.]+) ms p99 ([0-9.]+) ms over [0-9]+ lists "
                              r"drawn in windows; ([0-9]+) lists waited for the windows to open, the longest "
                              r"([0-9.]+) ms", mark)
-    span = time.time() - began
-    figures = {"cpu": cpu, "drawn_per_s": (drawn - counts[0]) / span, "dropped": dropped - counts[1],
-               "delivered_per_s": (drawn - counts[0] + dropped - counts[1]) / span, "fps": float(found.group(3)),
+    intervals, span = max(run_drawn - 1, 0), max(delivering, 1e-6)
+    figures = {"cpu": cpu, "drawn_per_s": intervals / span, "dropped": dropped - counts[1],
+               "delivered_per_s": (intervals + dropped - counts[1]) / span, "fps": float(found.group(3)),
                "p50_ms": float(latency.group(1)), "p99_ms": float(latency.group(2)),
                "waited_for_windows": int(latency.group(3)), "opening_ms": float(latency.group(4))}
     counts[:] = [drawn, dropped]

@@ -305,6 +305,11 @@ void OpenCVVideoRendererSink::Renderer::loop(const Projection& projection) {
     std::chrono::steady_clock::time_point opened{};
     std::size_t waitedForWindows = 0;
     double longestWait = 0.0;
+    // This run's lists taken from the queue, and when the first and the last were delivered:
+    // its rate over the time the camera delivered, whatever its start-up took.
+    std::size_t taken = 0;
+    std::chrono::steady_clock::time_point firstDelivered{};
+    std::chrono::steady_clock::time_point lastDelivered{};
     const auto shown = [&] {
         if (!showing) return;
         showing->wait();
@@ -324,6 +329,8 @@ void OpenCVVideoRendererSink::Renderer::loop(const Projection& projection) {
         if (result != hs::RESULT_SUCCESS) continue;
         if (!item.list) continue;
         drawn.fetch_add(1, std::memory_order_relaxed);
+        if (taken++ == 0) firstDelivered = item.delivered;
+        lastDelivered = item.delivered;
         imaging::Publisher* publishTo = publisher.load();
         if (publishTo != nullptr && !publishTo->wanted()) publishTo = nullptr;
         const bool displayOn = display.load();
@@ -357,9 +364,11 @@ void OpenCVVideoRendererSink::Renderer::loop(const Projection& projection) {
     }
     shown();
     hs::Log::i(LUMORA_LOG_TAG("OpenCVVideoRendererSink"),
-               "%llu lists drawn, %llu dropped at the queue, %s; %llu lists delivered",
+               "%llu lists drawn, %llu dropped at the queue, %s; %llu lists delivered; this run drew %zu, "
+               "delivered over %.3f s",
                static_cast<unsigned long long>(drawn.load()), static_cast<unsigned long long>(dropped.load()),
-               fpsText().c_str(), static_cast<unsigned long long>(delivered.load()));
+               fpsText().c_str(), static_cast<unsigned long long>(delivered.load()), taken,
+               std::chrono::duration<double>(lastDelivered - firstDelivered).count());
     if (!latencies.empty())
         hs::Log::i(LUMORA_LOG_TAG("OpenCVVideoRendererSink"),
                    "delivery to the window system p50 %.2f ms p99 %.2f ms over %zu lists drawn in windows; %zu "
