@@ -68,8 +68,7 @@ class Shell:
         return self.wait_for(answer, mark, timeout)
 
     def cpu_seconds(self):
-        fields = open(f"/proc/{self.process.pid}/stat").read().rsplit(")", 1)[1].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+        return tree_cpu_seconds(self.process.pid)
 
     def quit(self):
         self.say("quit")
@@ -77,6 +76,29 @@ class Shell:
         if os.environ.get("BENCH_LOG"):
             with open(os.environ["BENCH_LOG"], "a") as log:
                 log.writelines(self.output)
+
+
+def tree_cpu_seconds(root):
+    """Processor seconds of process `root` and its descendants (a browser's, say); those of
+    processes that have ended are not counted."""
+    parents, used = {}, {}
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            fields = open(f"/proc/{entry}/stat").read().rsplit(")", 1)[1].split()
+        except OSError:
+            continue
+        parents[int(entry)] = int(fields[1])
+        used[int(entry)] = (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    total = 0.0
+    for pid, seconds in used.items():
+        ancestor = pid
+        while ancestor not in (0, 1, root) and ancestor in parents:
+            ancestor = parents[ancestor]
+        if ancestor == root:
+            total += seconds
+    return total
 
 
 def loop_length(width, height):
@@ -184,10 +206,11 @@ def start_x_server():
 
 def measure_windows(shell, mask, seconds, settle, counts):
     """One run of `mask` with the windows on: the shell's processor time per second over
-    `seconds` after `settle` s, the lists drawn and delivered per second (from the first list's
-    delivery to the last's) and dropped at the renderer's queue over the whole run, its delivery-to-window times, and the lists that
-    waited for the windows to open with the longest of their times. `counts` holds
-    the renderer's totals so far (drawn, dropped) and is brought up to date."""
+    `seconds` after `settle` s, the lists drawn and delivered per second (from the first
+    list's delivery to the last's) and dropped at the renderer's queue over the whole run, its
+    delivery-to-window times, and the lists that waited for the windows to open with the
+    longest of their times. `counts` holds the renderer's totals so far (drawn, dropped) and
+    is brought up to date."""
     mark = len(shell.output)
     shell.say(f"run {mask}")
     shell.wait_for(r"-> result : success", mark)

@@ -30,38 +30,12 @@ with open(results_path, "a") as results:
 port = 20000 + os.getpid() % 20000
 
 
-def tree_cpu_seconds(root):
-    """Processor seconds of `root` and all its descendants (the browser's processes)."""
-    parents, seconds_of = {}, {}
-    for entry in os.listdir("/proc"):
-        if not entry.isdigit():
-            continue
-        try:
-            fields = open(f"/proc/{entry}/stat").read().rsplit(")", 1)[1].split()
-        except OSError:
-            continue
-        parents[int(entry)] = int(fields[1])
-        seconds_of[int(entry)] = (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-    total = 0.0
-    for pid, used in seconds_of.items():
-        ancestor = pid
-        while ancestor not in (0, 1, root) and ancestor in parents:
-            ancestor = parents[ancestor]
-        if ancestor == root:
-            total += used
-    return total
-
-
-def cpu_percent(shell, browser=None):
-    """The shell's processor time in % of one core over `seconds`; with `browser`, also the
-    browser's."""
-    c0 = shell.cpu_seconds()
-    b0 = tree_cpu_seconds(browser.process.pid) if browser else 0
+def cpu_percent(*processes):
+    """The processor time of each of `processes` (its pid, with its descendants) in % of one
+    core over `seconds`."""
+    before = [livebench.tree_cpu_seconds(pid) for pid in processes]
     time.sleep(seconds)
-    shell_percent = 100 * (shell.cpu_seconds() - c0) / seconds
-    if browser is None:
-        return shell_percent
-    return shell_percent, 100 * (tree_cpu_seconds(browser.process.pid) - b0) / seconds
+    return [100 * (livebench.tree_cpu_seconds(pid) - b) / seconds for pid, b in zip(processes, before)]
 
 
 def second_watcher(url, stop, counted):
@@ -87,13 +61,13 @@ with tempfile.TemporaryDirectory() as workdir:
             shell.command(f"run {mask}")
             run_began = time.time()
             time.sleep(livebench.settle_seconds(640, 480))
-            off = cpu_percent(shell)
+            off, = cpu_percent(shell.process.pid)
             url = shell.command("set web_view on", r"web view: (http://\S+)").group(1)
             browser.open(url)
             browser.wait("lumora.pictures[1] >= 30", "no pictures in the page")
             time.sleep(2)
             before = browser.evaluate("JSON.stringify([lumora.pictures, lumora.bytes, performance.now()])")
-            on, browser_cpu = cpu_percent(shell, browser)
+            on, browser_cpu = cpu_percent(shell.process.pid, browser.process.pid)
             after = browser.evaluate("[lumora.pictures, lumora.bytes, performance.now(), lumora.decodeMs.slice(-300)]")
             p0, b0, t0 = json.loads(before)
             p1, b1, t1, decode = after
@@ -107,15 +81,15 @@ with tempfile.TemporaryDirectory() as workdir:
                 browser.evaluate("document.getElementById('measure-toggle').click()")
                 browser.wait("lumora.quality && lumora.quality.lists === lumora.quality.window",
                              "no figures of a full window in the page", 60)
-                measuring = cpu_percent(shell)
+                measuring, = cpu_percent(shell.process.pid)
                 browser.evaluate("document.getElementById('measure-toggle').click()")
                 time.sleep(1)
-                measure_off = (on + cpu_percent(shell)) / 2
+                measure_off = (on + cpu_percent(shell.process.pid)[0]) / 2
                 stop, counted = threading.Event(), [0]
                 thread = threading.Thread(target=second_watcher, args=(url, stop, counted))
                 thread.start()
                 time.sleep(2)
-                two = cpu_percent(shell)
+                two, = cpu_percent(shell.process.pid)
                 stop.set()
                 thread.join()
             stats = shell.command("set web_view off", r"delivery to socket p50 ([0-9.]+) ms p99 ([0-9.]+) ms, to "

@@ -142,8 +142,7 @@ void Watcher::handle(const PageMessage& message) {
             if (const auto found = findRecent(mState, message.sequence))
                 sample(mState.decoded, millisecondsSince(found->delivered));
             for (const auto& [sequence, written] : mWritten)
-                if (sequence == message.sequence && written != Clock::time_point{})
-                    sample(mState.inPage, millisecondsSince(written));
+                if (sequence == message.sequence) sample(mState.inPage, millisecondsSince(written));
             break;
         case PageMessage::Kind::Measure:
             if (message.on == mMeasure) break;
@@ -204,10 +203,8 @@ void Watcher::onWritten(beast::error_code error, std::size_t written) {
     mState.stats.bytesSent += written;
     if (mWritingPicture) {
         const std::uint32_t sequence = mWritingPicture->sequence;
-        const bool seen = std::any_of(mWritten.begin(), mWritten.end(), [&](const auto& w) {
-            return w.first == sequence && w.second != Clock::time_point{};
-        });
-        if (!seen) {
+        const auto seen = [&](const auto& entry) { return entry.first == sequence; };
+        if (std::none_of(mWritten.begin(), mWritten.end(), seen)) {
             mWritten[mNextWritten] = {sequence, Clock::now()};
             mNextWritten = (mNextWritten + 1) % mWritten.size();
         }

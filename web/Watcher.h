@@ -75,7 +75,8 @@ private:
     int mNextSlot = 0;
     std::array<Pending, kSlotCount> mPending;
     // The picture being written, and when the last few messages' first pictures were written
-    // out, for the time the page then takes to decode them.
+    // out, for the time the page then takes to decode them. Sequences start at 1, so the
+    // entries not yet written (0) match none.
     std::optional<Stamp> mWritingPicture;
     std::array<std::pair<std::uint32_t, std::chrono::steady_clock::time_point>, 8> mWritten{};
     std::size_t mNextWritten = 0;

@@ -103,7 +103,7 @@ def check_png(url, export):
                 if shown[3] != exported[3]:
                     fail(f"view {view}: the pixels differ from {index[stamp][column]}")
                 painted = Image.frombytes("RGBA", shown[:2], canvas).convert("RGB").tobytes()
-                if painted != Image.open(io.BytesIO(data)).convert("RGB").tobytes():
+                if painted != Image.frombytes(shown[2], shown[:2], shown[3]).convert("RGB").tobytes():
                     fail(f"view {view}: the canvas does not show its picture ({'direct' if direct else 'bitmap'})")
                 print(f"png: view {view} of {stamp} is {index[stamp][column]}, pixel for pixel ({shown[0]} x "
                       f"{shown[1]}), and so is its canvas ({'ImageDecoder' if direct else 'ImageBitmap'})")
